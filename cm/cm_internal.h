@@ -1,0 +1,141 @@
+// Component-manager internals shared by cm/, thread/ and the object classes.
+//
+// Lock order: S_sCmLock may be taken while holding nothing; a class handler
+// running under it may take its own object's lock next. The thread locks
+// (G_sThreadInitLock, G_sThreadCreateLock, G_sThreadPoolLock) are never held
+// together with S_sCmLock. Nobody holds S_sCmLock while blocking on a pipe.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "quorvin/lx_cm.h"
+#include "quorvin/lx_thread.h"
+
+namespace quorvin::detail {
+
+// std::lock_guard / std::unique_lock over a pthread mutex.
+class PosixMutex {
+ public:
+  explicit PosixMutex(pthread_mutex_t& mutex) noexcept : mutex_(mutex) {}
+  PosixMutex(const PosixMutex&) = delete;
+  PosixMutex& operator=(const PosixMutex&) = delete;
+  void lock() noexcept { pthread_mutex_lock(&mutex_); }
+  void unlock() noexcept { pthread_mutex_unlock(&mutex_); }
+  bool try_lock() noexcept { return pthread_mutex_trylock(&mutex_) == 0; }
+
+ private:
+  pthread_mutex_t& mutex_;
+};
+
+// Keeps the calling thread from being cancelled while a system lock is held:
+// a thread cancelled inside such a section would leave the lock held for good.
+class NoCancelScope {
+ public:
+  NoCancelScope() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
+  ~NoCancelScope() { pthread_setcancelstate(previous_, nullptr); }
+  NoCancelScope(const NoCancelScope&) = delete;
+  NoCancelScope& operator=(const NoCancelScope&) = delete;
+
+ private:
+  int previous_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// --- Globals of the request engine (cm/request.cpp) and sleep agent. ---
+extern pthread_mutex_t S_sCmLock;        // guards the request list, S_i8CmIdle, suspend lists,
+                                         // object state changed by handlers, the sleep list
+extern int32_t S_i32CmPIPE[2];           // dispatcher wake pipe: read end, write end
+extern int8_t S_i8CmIdle;                // 1: the next request must write a wake byte
+extern pthread_t S_sCmThread;            // the dispatcher thread
+extern CmServiceRequest* S_psSleepTop;   // first registered request (sleep agent)
+extern CmServiceRequest* S_psSleepEnd;   // last registered request
+
+PosixMutex& CmLock() noexcept;
+
+// --- Words touched without a lock, accessed atomically (relaxed: each is a
+// standalone flag or count; the data it describes is published by the
+// component-manager lock or the reply byte plus the lock pass in CM_Request).
+static_assert(std::atomic_ref<uint16_t>::is_always_lock_free);
+static_assert(std::atomic_ref<uint32_t>::is_always_lock_free);
+static_assert(std::atomic_ref<uint64_t>::is_always_lock_free);
+
+template <typename T>
+inline T LoadRelaxed(const T& word) noexcept {
+  return std::atomic_ref<T>(const_cast<T&>(word)).load(std::memory_order_relaxed);
+}
+template <typename T>
+inline void StoreRelaxed(T& word, T value) noexcept {
+  std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);
+}
+
+inline uint16_t LoadService(const CmServiceRequest& r) noexcept { return LoadRelaxed(r.u16Service); }
+inline void StoreService(CmServiceRequest& r, uint16_t v) noexcept { StoreRelaxed(r.u16Service, v); }
+inline uint64_t LoadInSleepAgent(const CmServiceRequest& r) noexcept {
+  return LoadRelaxed(r.u64InSleepAgent);
+}
+inline void StoreInSleepAgent(CmServiceRequest& r, uint64_t v) noexcept {
+  StoreRelaxed(r.u64InSleepAgent, v);
+}
+inline uint32_t LoadWaitOption(const CmServiceRequest& r) noexcept {
+  return LoadRelaxed(r.u32WaitOption);
+}
+inline void StoreWaitOption(CmServiceRequest& r, uint32_t v) noexcept {
+  StoreRelaxed(r.u32WaitOption, v);
+}
+inline uint16_t LoadState(const ThreadControlBlock& t) noexcept { return LoadRelaxed(t.u16State); }
+inline void StoreState(ThreadControlBlock& t, uint16_t v) noexcept { StoreRelaxed(t.u16State, v); }
+
+// The block a thread handle names, or nullptr for a NULL handle or word.
+inline ThreadControlBlock* TcbOf(LX_THREAD* handle) noexcept {
+  if (handle == nullptr) return nullptr;
+  return std::atomic_ref<ThreadControlBlock*>(*handle).load(std::memory_order_acquire);
+}
+
+// Sets the state of the thread a handle names, if there is one.
+inline void SetThreadState(LX_THREAD* handle, uint16_t state) noexcept {
+  if (ThreadControlBlock* tcb = TcbOf(handle)) StoreState(*tcb, state);
+}
+
+// The request of the thread that owns a suspend node, or nullptr.
+inline CmServiceRequest* OwnerRequest(const SuspendNode& node) noexcept {
+  ThreadControlBlock* tcb = TcbOf(node.psOwner);
+  return tcb != nullptr ? &tcb->sRequest : nullptr;
+}
+
+// --- Dispatch table (cm/dispatch.cpp). ---
+struct ClassEntry {
+  CM_CLASS_FUNCTION function;                 // class function; nullptr: unknown class
+  void (*wakeUp)(CmServiceRequest* driver);   // time-out handler; nullptr: none
+};
+
+inline constexpr unsigned kClassCount = 16;  // classes 0x00 .. 0xF0
+inline constexpr unsigned ClassIndex(uint16_t service) noexcept { return service >> 4; }
+
+// The entry of a service code's class, or nullptr for an unknown class.
+const ClassEntry* FindClass(uint16_t service) noexcept;
+
+// Replaces one class's entry and returns the previous one. Used by tests to
+// reach the suspend-list machinery through a class of their own.
+ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept;
+
+// --- Request engine (cm/request.cpp). ---
+
+// The two halves of CM_Request after its timer-thread rule. EnqueueLocked
+// (S_sCmLock held) makes the reply pipe and appends the request, waking the
+// dispatcher if it is idle; when no pipe can be made it completes the request
+// at once with LX_NOT_AVAILABLE and returns false. AwaitCompletion (lock not
+// held) blocks for the reply byte, closes the pipe, passes the lock once and
+// clears the service code.
+bool EnqueueLocked(CmServiceRequest& request) noexcept;
+void AwaitCompletion(CmServiceRequest& request) noexcept;
+
+// Sets the status and writes the reply byte: the end of every handler that
+// completes its request. Dispatcher thread, S_sCmLock held.
+inline void CompleteLocked(CmServiceRequest& request, uint16_t status) noexcept {
+  request.u16Status = status;
+  CM_WakeUpThread(&request);
+}
+
+}  // namespace quorvin::detail

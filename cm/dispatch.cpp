@@ -1,0 +1,35 @@
+// The dispatcher's table of service classes, indexed by service code >> 4.
+//
+// Each object class contributes its class function and its time-out handler
+// here. A class without a class function (0x40, 0x90 and above, and classes
+// not built into this library) is answered with LX_NOT_AVAILABLE.
+#include <array>
+
+#include "cm/cm_internal.h"
+
+namespace quorvin::detail {
+namespace {
+
+void SystemClass(uint16_t service, CmServiceRequest* request) { CM_SystemFunction(service, request); }
+
+std::array<ClassEntry, kClassCount> g_classes = [] {
+  std::array<ClassEntry, kClassCount> table{};
+  table[ClassIndex(CM_CLASS_SYSTEM)] = {&SystemClass, nullptr};
+  return table;
+}();
+
+}  // namespace
+
+const ClassEntry* FindClass(uint16_t service) noexcept {
+  const unsigned index = ClassIndex(service);
+  return index < g_classes.size() ? &g_classes[index] : nullptr;
+}
+
+ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept {
+  if (classIndex >= g_classes.size() || classIndex == ClassIndex(CM_CLASS_SYSTEM)) return {};
+  const ClassEntry previous = g_classes[classIndex];
+  g_classes[classIndex] = entry;
+  return previous;
+}
+
+}  // namespace quorvin::detail

@@ -1,0 +1,243 @@
+// Request list and dispatcher thread "CMRH".
+//
+// A requester appends its request under S_sCmLock, writes one wake byte when
+// the dispatcher is idle, releases the lock and blocks on the request's own
+// reply pipe. The dispatcher holds S_sCmLock for a whole pass and hands every
+// queued request, in order, to its class function, which completes it (status,
+// then one reply byte) or parks it on a suspend list.
+//
+// Wake-ups cannot be lost: requests are appended only under the lock, and the
+// dispatcher sets S_i8CmIdle before it reads the list, so at most one wake
+// byte is ever pending and it always finds the requests queued before it.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+
+#include "cm/cm_internal.h"
+#include "quorvin/lx_log.h"
+#include "quorvin/lx_timer.h"
+
+CmServiceRequest* S_psTop = nullptr;
+CmServiceRequest* S_psEnd = nullptr;
+
+namespace quorvin::detail {
+
+pthread_mutex_t S_sCmLock = PTHREAD_MUTEX_INITIALIZER;
+int32_t S_i32CmPIPE[2] = {-1, -1};
+int8_t S_i8CmIdle = 1;
+pthread_t S_sCmThread;
+
+PosixMutex& CmLock() noexcept {
+  static PosixMutex lock(S_sCmLock);
+  return lock;
+}
+
+namespace {
+
+constexpr char kWakeByte = 'A';
+constexpr char kPipeFailMessage[] = "Create ComponentManagerRequestHandel() pipe fail! \n exit()\n";
+constexpr char kThreadFailMessage[] = "Create ComponentManagerRequestHandel() fail! \n exit()\n";
+static_assert(sizeof kPipeFailMessage - 1 == 59 && sizeof kThreadFailMessage - 1 == 54);
+
+// Moves exactly one byte. Interrupted calls are repeated; a descriptor that
+// would block is waited on with poll instead of spinning; end of file or a
+// descriptor that has failed for good ends the attempt (false).
+bool MoveOneByte(int fd, bool write) noexcept {
+  char byte = kWakeByte;
+  for (;;) {
+    const ssize_t n = write ? ::write(fd, &byte, 1) : ::read(fd, &byte, 1);
+    if (n == 1) return true;
+    if (n == 0) return false;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return false;
+    pollfd waiter{fd, static_cast<short>(write ? POLLOUT : POLLIN), 0};
+    ::poll(&waiter, 1, -1);
+  }
+}
+
+void FatalStartup(const char* message, std::size_t length) {
+  FILE* stream = hCM_Error != nullptr ? hCM_Error : stderr;
+  std::fwrite(message, 1, length, stream);
+  std::fflush(stream);
+  std::exit(0);
+}
+
+// Appends a request and wakes the dispatcher if no wake byte is pending.
+// S_sCmLock held.
+void AppendAndWakeLocked(CmServiceRequest& request) noexcept {
+  CM_RequestAdd(&request);
+  if (S_i8CmIdle == 1) {
+    MoveOneByte(S_i32CmPIPE[1], true);
+    S_i8CmIdle = 0;
+  }
+}
+
+void Dispatch(CmServiceRequest& request) noexcept {
+  const uint16_t service = request.u16Service;
+  const ClassEntry* entry = FindClass(service);
+  if (entry != nullptr && entry->function != nullptr) {
+    entry->function(service, &request);
+  } else {
+    CompleteLocked(request, LX_NOT_AVAILABLE);
+  }
+}
+
+// Both sides of CM_Request; the sleep agent's expiries skip the timer rule.
+void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) noexcept {
+  {
+    NoCancelScope noCancel;
+    std::lock_guard lock(CmLock());
+    if (refuseTimerWaits && request.psThread == G_psTimer && LoadWaitOption(request) != LX_NO_WAIT) {
+      request.u16Status = LX_WAIT_ERROR;
+      SetThreadState(request.psThread, LX_STATE_READY);
+      return;
+    }
+    if (!EnqueueLocked(request)) return;
+  }
+  AwaitCompletion(request);
+}
+
+}  // namespace
+
+bool EnqueueLocked(CmServiceRequest& request) noexcept {
+  StoreInSleepAgent(request, 0);
+  if (::pipe2(request.ai32ReplyPipe, O_CLOEXEC) != 0) {
+    // No descriptor left for the reply: answer at once, queue nothing.
+    request.ai32ReplyPipe[0] = request.ai32ReplyPipe[1] = -1;
+    request.u16Status = LX_NOT_AVAILABLE;
+    StoreService(request, 0);
+    return false;
+  }
+  AppendAndWakeLocked(request);
+  return true;
+}
+
+void AwaitCompletion(CmServiceRequest& request) noexcept {
+  CM_WaitingSignal(&request);
+  {
+    // Once the lock can be had, the pass that completed the request is over:
+    // the dispatcher has left the handler and read psNext.
+    NoCancelScope noCancel;
+    std::lock_guard lock(CmLock());
+  }
+  StoreService(request, 0);
+}
+
+}  // namespace quorvin::detail
+
+using namespace quorvin::detail;
+
+int32_t CM_WakeUpThreadEx(int32_t i32Fd) {
+  MoveOneByte(i32Fd, true);
+  return 0;
+}
+
+int32_t CM_WaitingSignalEx(int32_t i32Fd) {
+  MoveOneByte(i32Fd, false);
+  return 0;
+}
+
+int32_t CM_WakeUpThread(CmServiceRequest* psRequest) {
+  MoveOneByte(psRequest->ai32ReplyPipe[1], true);
+  return 0;
+}
+
+int32_t CM_WaitingSignal(CmServiceRequest* psRequest) {
+  MoveOneByte(psRequest->ai32ReplyPipe[0], false);
+  ::close(psRequest->ai32ReplyPipe[0]);
+  ::close(psRequest->ai32ReplyPipe[1]);
+  return 0;
+}
+
+void CM_Initial(void) {
+  static bool started = false;  // one dispatcher per process
+  if (started) return;
+  started = true;
+  S_psSleepTop = nullptr;
+  S_psSleepEnd = nullptr;
+  S_psTop = nullptr;
+  S_psEnd = nullptr;
+  {
+    std::lock_guard lock(CmLock());
+    S_i8CmIdle = 1;
+  }
+  if (::pipe2(S_i32CmPIPE, O_CLOEXEC) != 0) FatalStartup(kPipeFailMessage, sizeof kPipeFailMessage - 1);
+  if (pthread_create(&S_sCmThread, nullptr, ComponentManagerRequestHandle, nullptr) != 0) {
+    FatalStartup(kThreadFailMessage, sizeof kThreadFailMessage - 1);
+  }
+}
+
+void CM_Request(CmServiceRequest* psRequest) {
+  if (psRequest != nullptr) RequestImpl(*psRequest, true);
+}
+
+void CM_RequestAdd(CmServiceRequest* psRequest) {
+  if (S_psEnd != nullptr) {
+    S_psEnd->psNext = psRequest;
+  } else {
+    S_psTop = psRequest;
+  }
+  S_psEnd = psRequest;
+  psRequest->psNext = nullptr;
+}
+
+void CM_RequestFree(void) {
+  S_psTop = S_psTop->psNext;
+  if (S_psTop == nullptr) S_psEnd = nullptr;
+}
+
+void* ComponentManagerRequestHandle(void*) {
+  SaveLogFile(LX_PID_LIST_PATH, "Name: CMRH, pid:%ld\n", static_cast<long>(::syscall(SYS_gettid)));
+  ::prctl(PR_SET_NAME, "CMRH", 0, 0, 0);
+  for (;;) {
+    if (!MoveOneByte(S_i32CmPIPE[0], false)) {
+      // The wake pipe has failed for good: keep serving, polling once a
+      // millisecond, rather than spin or stop answering requests.
+      const timespec pause{0, 1000000};
+      ::nanosleep(&pause, nullptr);
+    }
+    std::lock_guard lock(CmLock());
+    S_i8CmIdle = 1;
+    while (S_psTop != nullptr) {
+      CmServiceRequest* request = S_psTop;
+      Dispatch(*request);
+      S_psTop = request->psNext;
+    }
+    S_psEnd = nullptr;
+  }
+  return nullptr;
+}
+
+int32_t CM_SystemFunction(uint16_t u16Service, CmServiceRequest* psRequest) {
+  psRequest->u16Status = LX_SUCCESS;
+  if (u16Service != CM_OP_TIMEOUT) {
+    psRequest->u16Status = LX_NOT_AVAILABLE;
+  } else {
+    auto* expired = static_cast<CmServiceRequest*>(psRequest->pvObject);
+    const uint16_t expiredClass =
+        expired != nullptr ? static_cast<uint16_t>(LoadService(*expired) & 0xFFF0) : 0;
+    const ClassEntry* entry = FindClass(expiredClass);
+    if (expiredClass == CM_CLASS_THREAD) {
+      // A thread waiting on a time-out alone: its status stays as set.
+      SleepAgentRemoveRequest(expired);
+      StoreInSleepAgent(*expired, 0);
+      SetThreadState(expired->psTarget, LX_STATE_READY);
+      CM_WakeUpThread(expired);
+    } else if (expiredClass != CM_CLASS_SYSTEM && entry != nullptr && entry->wakeUp != nullptr) {
+      entry->wakeUp(psRequest);
+    } else {
+      // Released meanwhile (service code cleared) or a class without one.
+      psRequest->u16Status = LX_NOT_AVAILABLE;
+    }
+  }
+  CM_WakeUpThread(psRequest);
+  return 0;
+}

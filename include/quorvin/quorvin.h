@@ -1,0 +1,13 @@
+/*
+ * quorvin: the whole interface of libquorvin.
+ */
+#ifndef QUORVIN_H
+#define QUORVIN_H
+
+#include "lx_status.h"
+#include "lx_cm.h"
+#include "lx_log.h"
+#include "lx_thread.h"
+#include "lx_timer.h"
+
+#endif /* QUORVIN_H */

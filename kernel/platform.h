@@ -1,0 +1,39 @@
+// Platform layer: the pieces the target platform may or may not provide.
+//
+// dlog_printf is the platform's diagnostic-log function. It is reached
+// through a weak undefined reference: when the application links the
+// platform's logging library, that definition serves every call; otherwise
+// DiagLog falls back to one line on standard error. The library never defines
+// dlog_printf itself, since a definition here would not give way to the
+// platform's.
+#pragma once
+
+#include <cstddef>
+
+extern "C" int dlog_printf(int level, int flag, const char* format, ...)
+    __attribute__((weak, format(printf, 3, 4)));
+
+namespace quorvin::detail {
+
+// strlcpy semantics: copies at most size-1 characters, always terminates
+// (when size > 0), returns strlen(source). A NULL source copies "".
+std::size_t BoundedCopy(char* destination, const char* source, std::size_t size) noexcept;
+
+// One line on standard error, whether or not the text ends with a line end.
+void DiagLogFallback(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
+
+// Diagnostic line: the platform's dlog_printf receives the format and the
+// arguments unchanged; without it the fallback writes them to standard error.
+template <typename... Args>
+void DiagLog(int level, int flag, const char* format, Args... args) noexcept {
+  if (dlog_printf != nullptr) {
+    dlog_printf(level, flag, format, args...);
+  } else {
+    DiagLogFallback(format, args...);
+  }
+}
+
+// Writes all bytes to a descriptor, retrying interrupted and partial writes.
+void WriteAll(int fd, const char* data, std::size_t length) noexcept;
+
+}  // namespace quorvin::detail

@@ -1,0 +1,83 @@
+// Helpers for tests that run the kernel core inside their own process.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cm/cm_internal.h"
+#include "quorvin/quorvin.h"
+#include "support/isolation.h"
+
+namespace quorvin::test {
+
+using namespace std::chrono_literals;
+
+// Empties the pid list and starts the core (the "Scheduler" entry and the
+// dispatcher) from the calling thread. Once per process.
+void BootCore();
+
+// Polls a condition until it holds or the time runs out.
+bool WaitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
+
+// Creates a kernel thread that runs body; the handle word must outlive it.
+LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body,
+                uint16_t priority = 32, uint16_t threshold = 0, uint16_t autoStart = 1);
+
+// The calling thread's own request block (the thread must be in the pool).
+CmServiceRequest& OwnRequest();
+
+// Issues a request from the calling thread's own block and returns its status.
+uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
+               uint64_t value = 0, uint64_t option = 0, void* data = nullptr);
+
+// The pid list's lines.
+std::vector<std::string> PidListLines();
+
+// Number of open descriptors of the process.
+int OpenDescriptorCount();
+
+// The stand-in timer thread: a thread on the timer thread's handle word that
+// runs sleep-agent passes on command, so that time-outs advance tick by tick.
+class StandInTimer {
+ public:
+  StandInTimer();
+  // Runs n passes on the timer thread and returns when they are done.
+  void RunPasses(int n = 1);
+  // Runs a function on the timer thread and returns when it is done.
+  void Run(const std::function<void()>& work);
+
+ private:
+  int commands_[2];
+  int done_[2];
+  std::function<void()> work_;
+};
+
+// A test-only object class on the otherwise unused class 0x40, built from the
+// suspend-list operations the way every object class is.
+struct TestObject {
+  SuspendCtrl sSuspendCtrl{};
+  uint32_t u32Available = 0;
+};
+
+inline constexpr uint16_t kTestClass = 0x40;
+inline constexpr uint16_t kTestTake = 0x41;       // take one unit or wait; u64Option = add flags
+inline constexpr uint16_t kTestGive = 0x42;       // give one unit to the first waiter or the object
+inline constexpr uint16_t kTestReleaseAll = 0x43; // release every waiter with status u64Value
+inline constexpr uint16_t kTestRemove = 0x44;     // remove node pvData, mode u64Option, status u64Value
+inline constexpr uint16_t kTestTimeoutStatus = LX_NO_INSTANCE;
+
+// Installs the test class in the dispatcher.
+void InstallTestClass();
+
+// Fixture: isolation required, core booted, test class installed.
+class KernelTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+};
+
+}  // namespace quorvin::test

@@ -1,0 +1,88 @@
+// The thread pool and thread identification.
+#include <signal.h>
+
+#include <atomic>
+
+#include "quorvin/lx_thread.h"
+#include "thread/thread_internal.h"
+
+ThreadControlBlock* S_paThreadPool[LX_THREAD_POOL_SLOTS] = {};
+int32_t S_i32ThreadPoolIndex = 0;
+pthread_mutex_t G_sThreadPoolLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t G_sThreadCreateLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t G_sThreadInitLock = PTHREAD_MUTEX_INITIALIZER;
+uint8_t G_u8ThreadLock = 0;
+__sigset_t G_sSignalMasktTble;
+
+namespace quorvin::detail {
+
+LX_THREAD S_psScheduler = nullptr;
+struct sigaction S_sThreadSignalAction;
+uint8_t S_u8ThreadLockSpin = 1;
+
+namespace {
+
+ThreadControlBlock* LoadSlot(int32_t index) noexcept {
+  return std::atomic_ref<ThreadControlBlock*>(S_paThreadPool[index]).load(std::memory_order_acquire);
+}
+void StoreSlot(int32_t index, ThreadControlBlock* tcb) noexcept {
+  std::atomic_ref<ThreadControlBlock*>(S_paThreadPool[index]).store(tcb, std::memory_order_release);
+}
+int32_t LoadCount() noexcept {
+  const int32_t count = std::atomic_ref<int32_t>(S_i32ThreadPoolIndex).load(std::memory_order_acquire);
+  if (count < 0) return 0;
+  return count < LX_THREAD_POOL_SLOTS ? count : LX_THREAD_POOL_SLOTS - 1;
+}
+void StoreCount(int32_t count) noexcept {
+  std::atomic_ref<int32_t>(S_i32ThreadPoolIndex).store(count, std::memory_order_release);
+}
+
+}  // namespace
+
+int32_t PoolCountLocked() noexcept { return LoadCount(); }
+
+int32_t PoolFindLocked(LX_THREAD* handle, bool fromTop) noexcept {
+  const int32_t count = LoadCount();
+  for (int32_t k = 0; k < count; ++k) {
+    const int32_t i = fromTop ? count - 1 - k : k;
+    ThreadControlBlock* tcb = LoadSlot(i);
+    if (tcb != nullptr && tcb->psSelf == handle) return i;
+  }
+  return -1;
+}
+
+void PoolAppendLocked(ThreadControlBlock* tcb) noexcept {
+  const int32_t count = LoadCount();
+  StoreSlot(count, tcb);
+  StoreCount(count + 1);
+  StoreSlot(count + 1, nullptr);
+}
+
+void PoolRemoveAtLocked(int32_t index) noexcept {
+  const int32_t last = LoadCount() - 1;
+  StoreSlot(index, LoadSlot(last));
+  StoreSlot(last, nullptr);
+  StoreCount(last);
+}
+
+ThreadRecord* PooledRecord(const ThreadControlBlock* tcb) noexcept {
+  if (tcb == nullptr) return nullptr;
+  for (int32_t i = LoadCount() - 1; i >= 0; --i) {
+    ThreadControlBlock* entry = LoadSlot(i);
+    if (entry == tcb) return &RecordOf(*entry);
+  }
+  return nullptr;
+}
+
+}  // namespace quorvin::detail
+
+using namespace quorvin::detail;
+
+LX_THREAD* _lx_ThreadIdentify(void) {
+  const pthread_t self = pthread_self();
+  for (int32_t i = LoadCount() - 1; i >= 0; --i) {
+    ThreadControlBlock* tcb = LoadSlot(i);
+    if (tcb != nullptr && pthread_equal(LoadThreadId(*tcb), self)) return tcb->psSelf;
+  }
+  return nullptr;
+}
