@@ -128,6 +128,11 @@ void StandInTimer::Run(const std::function<void()>& work) {
   }
 }
 
+std::vector<uint64_t>& RecordedValues() {
+  static std::vector<uint64_t> values;
+  return values;
+}
+
 namespace {
 
 TestObject& ObjectOf(const CmServiceRequest& request) {
@@ -147,8 +152,9 @@ void TestClassFunction(uint16_t service, CmServiceRequest* request) {
       }
       SetThreadState(request->psThread, LX_STATE_SEMAPHORE_WAIT);
       request->u16Status = kTestTimeoutStatus;
-      const uint8_t flags = request->u64Option != 0 ? static_cast<uint8_t>(request->u64Option)
-                                                     : CM_SUSPEND_COUNT_UP;
+      const uint8_t flags = (request->u64Option & kTestFlagsGiven) != 0
+                                ? static_cast<uint8_t>(request->u64Option)
+                                : CM_SUSPEND_COUNT_UP;
       CM_AddToSuspendList(request, &object.sSuspendCtrl, flags);
       return;
     }
@@ -166,6 +172,19 @@ void TestClassFunction(uint16_t service, CmServiceRequest* request) {
     case kTestReleaseAll:
       CM_WakeUpAllThreadInSuspendList(request, &ObjectOf(*request).sSuspendCtrl,
                                       static_cast<uint16_t>(request->u64Value));
+      CM_WakeUpThread(request);
+      return;
+    case kTestMoveToFront: {
+      auto* node = static_cast<SuspendNode*>(request->pvData);
+      SuspendCtrl& list = ObjectOf(*request).sSuspendCtrl;
+      CM_RemoveTargetFromSuspendListEx(&list, node, CM_REMOVE_UNLINK_ONLY, CM_STATUS_UNUSED);
+      CmServiceRequest* moved = OwnerRequest(*node);
+      CM_AddToSuspendList(moved, &list, CM_SUSPEND_AT_FRONT | CM_SUSPEND_COUNT_UP);
+      CM_WakeUpThread(request);
+      return;
+    }
+    case kTestRecord:
+      RecordedValues().push_back(request->u64Value);
       CM_WakeUpThread(request);
       return;
     case kTestRemove:

@@ -65,11 +65,18 @@ struct TestObject {
 };
 
 inline constexpr uint16_t kTestClass = 0x40;
-inline constexpr uint16_t kTestTake = 0x41;       // take one unit or wait; u64Option = add flags
+inline constexpr uint16_t kTestTake = 0x41;       // take one unit or wait (flags 1, or
+                                                  // u64Option = kTestFlagsGiven | flags)
+inline constexpr uint64_t kTestFlagsGiven = 0x100;
 inline constexpr uint16_t kTestGive = 0x42;       // give one unit to the first waiter or the object
 inline constexpr uint16_t kTestReleaseAll = 0x43; // release every waiter with status u64Value
 inline constexpr uint16_t kTestRemove = 0x44;     // remove node pvData, mode u64Option, status u64Value
+inline constexpr uint16_t kTestMoveToFront = 0x45; // unlink node pvData (mode 0), add again with flags 3
+inline constexpr uint16_t kTestRecord = 0x46;     // append u64Value to RecordedValues(), complete
 inline constexpr uint16_t kTestTimeoutStatus = LX_NO_INSTANCE;
+
+// Values recorded by kTestRecord requests, in the order the dispatcher served them.
+std::vector<uint64_t>& RecordedValues();
 
 // Installs the test class in the dispatcher.
 void InstallTestClass();
