@@ -47,6 +47,13 @@ LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body,
   return status;
 }
 
+bool Join(LX_THREAD thread, std::chrono::milliseconds limit) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += static_cast<time_t>(limit.count() / 1000);
+  return pthread_timedjoin_np(thread->hThread, nullptr, &deadline) == 0;
+}
+
 CmServiceRequest& OwnRequest() {
   LX_THREAD* self = _lx_ThreadIdentify();
   if (self == nullptr || *self == nullptr) {

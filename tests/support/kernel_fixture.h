@@ -28,6 +28,10 @@ bool WaitUntil(const std::function<bool()>& condition,
 LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body,
                 uint16_t priority = 32, uint16_t threshold = 0, uint16_t autoStart = 1);
 
+// Waits for a created thread's entry to have returned and its POSIX thread to
+// have ended (joins it).
+bool Join(LX_THREAD thread, std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
+
 // The calling thread's own request block (the thread must be in the pool).
 CmServiceRequest& OwnRequest();
 
