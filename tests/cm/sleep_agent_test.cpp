@@ -104,8 +104,10 @@ TEST_F(SleepAgentTest, EqualWaitsRegisteredInOrderExpireOnTheSamePassInOrder) {
   timer_->RunPasses(1);
   ASSERT_TRUE(WaitUntil([&] { return Done(a) && Done(b); }));
   {
-    std::lock_guard lock(mutex_);
-    EXPECT_EQ(order_, (std::vector<Waiter*>{&a, &b}));
+    // The dispatcher ended a's wait before b's.
+    std::lock_guard lock(CmLock());
+    EXPECT_EQ(RecordedValues(), (std::vector<uint64_t>{reinterpret_cast<uint64_t>(&a.handle),
+                                                       reinterpret_cast<uint64_t>(&b.handle)}));
   }
   EXPECT_FALSE(Done(c));
   EXPECT_EQ(c.handle->sRequest.u32WaitOption, 2u);  // counted on every pass, expiries included

@@ -213,6 +213,7 @@ void TestClassWakeUp(CmServiceRequest* driver) {
   if (list.i32SuspendCount == 0) return;
   for (SuspendNode* node = list.psFirstSuspend; node != nullptr; node = node->psNext) {
     if (node->psOwner != driver->psTarget) continue;
+    RecordedValues().push_back(reinterpret_cast<uint64_t>(node->psOwner));
     if (driver->u16Service == CM_OP_TIMEOUT) {
       CM_RemoveTargetFromSuspendListEx(&list, node, CM_REMOVE_WITH_STATUS, kTestTimeoutStatus);
     } else {

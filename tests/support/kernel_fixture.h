@@ -79,7 +79,8 @@ inline constexpr uint16_t kTestMoveToFront = 0x45; // unlink node pvData (mode 0
 inline constexpr uint16_t kTestRecord = 0x46;     // append u64Value to RecordedValues(), complete
 inline constexpr uint16_t kTestTimeoutStatus = LX_NO_INSTANCE;
 
-// Values recorded by kTestRecord requests, in the order the dispatcher served them.
+// Values recorded by kTestRecord requests, and the handles of waiters ended by
+// the class's wake-up (time-out or abort), in the order the dispatcher served them.
 std::vector<uint64_t>& RecordedValues();
 
 // Installs the test class in the dispatcher.
