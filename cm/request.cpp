@@ -190,6 +190,7 @@ void CM_RequestAdd(CmServiceRequest* psRequest) {
 }
 
 void CM_RequestFree(void) {
+  if (S_psTop == nullptr) return;
   S_psTop = S_psTop->psNext;
   if (S_psTop == nullptr) S_psEnd = nullptr;
 }
