@@ -122,6 +122,12 @@ ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept;
 
 // --- Request engine (cm/request.cpp). ---
 
+// Moves exactly one byte through a descriptor (the one-byte primitives).
+// Interrupted calls are repeated; a descriptor that would block is waited on
+// with poll instead of spinning; end of file or a descriptor that has failed
+// for good ends the attempt and gives false.
+bool MoveOneByte(int fd, bool write) noexcept;
+
 // The two halves of CM_Request after its timer-thread rule. EnqueueLocked
 // (S_sCmLock held) makes the reply pipe and appends the request, waking the
 // dispatcher if it is idle; when no pipe can be made it completes the request

@@ -47,9 +47,8 @@ constexpr char kPipeFailMessage[] = "Create ComponentManagerRequestHandel() pipe
 constexpr char kThreadFailMessage[] = "Create ComponentManagerRequestHandel() fail! \n exit()\n";
 static_assert(sizeof kPipeFailMessage - 1 == 59 && sizeof kThreadFailMessage - 1 == 54);
 
-// Moves exactly one byte. Interrupted calls are repeated; a descriptor that
-// would block is waited on with poll instead of spinning; end of file or a
-// descriptor that has failed for good ends the attempt (false).
+}  // namespace
+
 bool MoveOneByte(int fd, bool write) noexcept {
   char byte = kWakeByte;
   for (;;) {
@@ -62,6 +61,8 @@ bool MoveOneByte(int fd, bool write) noexcept {
     ::poll(&waiter, 1, -1);
   }
 }
+
+namespace {
 
 void FatalStartup(const char* message, std::size_t length) {
   FILE* stream = hCM_Error != nullptr ? hCM_Error : stderr;
