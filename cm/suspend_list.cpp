@@ -51,7 +51,10 @@ using namespace quorvin::detail;
 
 void CM_AddToSuspendList(CmServiceRequest* psRequest, SuspendCtrl* psSuspendCtrl, uint8_t u8Flags) {
   const uint32_t waitOption = LoadWaitOption(*psRequest);
-  if (waitOption == LX_NO_WAIT) {
+  // A request still registered with the sleep agent (one that a prioritize
+  // took off the list and adds again) has a wait option that counts the ticks
+  // left: 0 there means "expires on the next pass", not "do not wait".
+  if (waitOption == LX_NO_WAIT && LoadInSleepAgent(*psRequest) == 0) {
     // Completes with the status the handler stored beforehand.
     SetThreadState(psRequest->psThread, LX_STATE_READY);
     CM_WakeUpThread(psRequest);
