@@ -155,6 +155,21 @@ TEST_F(SleepAgentTest, MovedWaiterKeepsItsRemainingTicks) {
   EXPECT_EQ(PassesUntilReleased(a, 10), 2);
 }
 
+TEST_F(SleepAgentTest, MovedWaiterWithNoTicksLeftStillWaitsForItsExpiry) {
+  Waiter &a = NewWaiter(), &b = NewWaiter();
+  Park(a, LX_WAIT_FOREVER);
+  Park(b, 1);
+  timer_->RunPasses(1);
+  ASSERT_EQ(b.handle->sRequest.u32WaitOption, 0u);
+  Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, &b.handle->sRequest.sSuspendNode);
+  EXPECT_EQ(b.handle->u16State, LX_STATE_SEMAPHORE_WAIT);
+  EXPECT_EQ(Registered(), 1u);
+  EXPECT_EQ(PassesUntilReleased(b, 3), 1);
+  EXPECT_EQ(b.status, kTestTimeoutStatus);
+  EXPECT_EQ(Registered(), 0u);
+  Issue(kTestGive, &handle_);
+}
+
 TEST_F(SleepAgentTest, ExpiryIsNotRefusedByAWaitOptionLeftInTheTimerBlock) {
   Waiter &waiter = NewWaiter();
   Park(waiter, 1);
