@@ -126,7 +126,9 @@ ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept;
 // Interrupted calls are repeated; a descriptor that would block is waited on
 // with poll instead of spinning; end of file or a descriptor that has failed
 // for good ends the attempt and gives false.
-bool MoveOneByte(int fd, bool write) noexcept;
+// A read or a write is a cancellation point: not noexcept, so that a
+// cancelled thread unwinds through it.
+bool MoveOneByte(int fd, bool write);
 
 // The two halves of CM_Request after its timer-thread rule. EnqueueLocked
 // (S_sCmLock held) makes the reply pipe and appends the request, waking the
@@ -135,7 +137,14 @@ bool MoveOneByte(int fd, bool write) noexcept;
 // held) blocks for the reply byte, closes the pipe, passes the lock once and
 // clears the service code.
 bool EnqueueLocked(CmServiceRequest& request) noexcept;
-void AwaitCompletion(CmServiceRequest& request) noexcept;
+// AwaitCompletion is where a requester may be cancelled: the request is then
+// taken off every list and its pipe closed before the thread ends.
+void AwaitCompletion(CmServiceRequest& request);
+
+// The suspend list a pool thread's request hangs on, noted by the suspend-list
+// operations (nullptr: none, or not a pool thread's request). S_sCmLock held.
+void NoteParked(CmServiceRequest& request, SuspendCtrl* list) noexcept;
+SuspendCtrl* ParkedList(const CmServiceRequest& request) noexcept;
 
 // Sets the status and writes the reply byte: the end of every handler that
 // completes its request. Dispatcher thread, S_sCmLock held.

@@ -49,7 +49,7 @@ static_assert(sizeof kPipeFailMessage - 1 == 59 && sizeof kThreadFailMessage - 1
 
 }  // namespace
 
-bool MoveOneByte(int fd, bool write) noexcept {
+bool MoveOneByte(int fd, bool write) {
   char byte = kWakeByte;
   for (;;) {
     const ssize_t n = write ? ::write(fd, &byte, 1) : ::read(fd, &byte, 1);
@@ -92,7 +92,7 @@ void Dispatch(CmServiceRequest& request) noexcept {
 }
 
 // Both sides of CM_Request; the sleep agent's expiries skip the timer rule.
-void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) noexcept {
+void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) {
   {
     NoCancelScope noCancel;
     std::lock_guard lock(CmLock());
@@ -121,12 +121,45 @@ bool EnqueueLocked(CmServiceRequest& request) noexcept {
   return true;
 }
 
-void AwaitCompletion(CmServiceRequest& request) noexcept {
-  CM_WaitingSignal(&request);
+// Runs when the requester is cancelled while it waits for its reply (a
+// terminate): takes the request off the request list, its suspend list and
+// the sleep list, so no one ever writes to its pipe again, then closes it.
+static void AbandonRequest(void* argument) {
+  auto& request = *static_cast<CmServiceRequest*>(argument);
+  {
+    NoCancelScope noCancel;
+    std::lock_guard lock(CmLock());
+    CmServiceRequest* previous = nullptr;
+    for (CmServiceRequest* r = S_psTop; r != nullptr; previous = r, r = r->psNext) {
+      if (r != &request) continue;
+      (previous != nullptr ? previous->psNext : S_psTop) = r->psNext;
+      if (S_psEnd == r) S_psEnd = previous;
+      break;
+    }
+    if (SuspendCtrl* list = ParkedList(request)) {
+      CM_RemoveTargetFromSuspendListEx(list, &request.sSuspendNode, CM_REMOVE_UNLINK_ONLY, CM_STATUS_UNUSED);
+    }
+    if (LoadInSleepAgent(request) != 0) {
+      StoreInSleepAgent(request, 0);
+      SleepAgentRemoveRequest(&request);
+    }
+    StoreService(request, 0);
+  }
+  ::close(request.ai32ReplyPipe[0]);
+  ::close(request.ai32ReplyPipe[1]);
+}
+
+void AwaitCompletion(CmServiceRequest& request) {
+  // The read is the one place a requester can be cancelled.
+  pthread_cleanup_push(AbandonRequest, &request);
+  MoveOneByte(request.ai32ReplyPipe[0], false);
+  pthread_cleanup_pop(0);
+  NoCancelScope noCancel;
+  ::close(request.ai32ReplyPipe[0]);
+  ::close(request.ai32ReplyPipe[1]);
   {
     // Once the lock can be had, the pass that completed the request is over:
     // the dispatcher has left the handler and read psNext.
-    NoCancelScope noCancel;
     std::lock_guard lock(CmLock());
   }
   StoreService(request, 0);

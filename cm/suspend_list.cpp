@@ -81,6 +81,7 @@ void CM_AddToSuspendList(CmServiceRequest* psRequest, SuspendCtrl* psSuspendCtrl
     list.psLastSuspend = node;
   }
   list.i32SuspendCount += (u8Flags & CM_SUSPEND_COUNT_UP) != 0 ? 1 : -1;
+  NoteParked(*psRequest, &list);
   // A request moved by a prioritize keeps its one registration and the ticks
   // it has left.
   if (waitOption == LX_WAIT_FOREVER || LoadInSleepAgent(*psRequest) != 0) return;
@@ -112,8 +113,10 @@ void CM_RemoveTargetFromSuspendListEx(SuspendCtrl* psSuspendCtrl, SuspendNode* p
   } else if (list.i32SuspendCount > 0) {
     --list.i32SuspendCount;
   }
+  CmServiceRequest& request = RequestOfNode(node);
+  NoteParked(request, nullptr);
   if (u8Mode == CM_REMOVE_UNLINK_ONLY) return;
-  ReleaseLocked(RequestOfNode(node), node.psOwner, StatusForMode(u8Mode, u16Status));
+  ReleaseLocked(request, node.psOwner, StatusForMode(u8Mode, u16Status));
 }
 
 void CM_WakeUpAllThreadInSuspendList(CmServiceRequest*, SuspendCtrl* psSuspendCtrl, uint16_t u16Status) {
@@ -131,7 +134,9 @@ void CM_WakeUpAllThreadInSuspendList(CmServiceRequest*, SuspendCtrl* psSuspendCt
     }
     list.psFirstSuspend = node->psNext;
     if (list.psFirstSuspend != nullptr) list.psFirstSuspend->psPrev = nullptr;
-    ReleaseLocked(RequestOfNode(*node), node->psOwner, u16Status);
+    CmServiceRequest& request = RequestOfNode(*node);
+    NoteParked(request, nullptr);
+    ReleaseLocked(request, node->psOwner, u16Status);
   }
   list.i32SuspendCount = 0;
 }

@@ -54,7 +54,7 @@ void HoldBack() noexcept {
 }
 
 // Takes one of the thread signals (10 or 14) with sigwait.
-int TakeThreadSignal() noexcept {
+int TakeThreadSignal() {
   int signal = 0;
   while (sigwait(&G_sSignalMasktTble, &signal) != 0) {
   }

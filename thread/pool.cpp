@@ -74,6 +74,28 @@ ThreadRecord* PooledRecord(const ThreadControlBlock* tcb) noexcept {
   return nullptr;
 }
 
+namespace {
+
+// The record whose control block holds this request, if it is in the pool.
+ThreadRecord* RecordOfRequest(const CmServiceRequest& request) noexcept {
+  for (int32_t i = LoadCount() - 1; i >= 0; --i) {
+    ThreadControlBlock* entry = LoadSlot(i);
+    if (entry != nullptr && &entry->sRequest == &request) return &RecordOf(*entry);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void NoteParked(CmServiceRequest& request, SuspendCtrl* list) noexcept {
+  if (ThreadRecord* record = RecordOfRequest(request)) record->parkedOn = list;
+}
+
+SuspendCtrl* ParkedList(const CmServiceRequest& request) noexcept {
+  const ThreadRecord* record = RecordOfRequest(request);
+  return record != nullptr ? record->parkedOn : nullptr;
+}
+
 }  // namespace quorvin::detail
 
 using namespace quorvin::detail;

@@ -21,7 +21,8 @@ namespace quorvin::detail {
 // block comes first, so the handle word points at it; the tail is private.
 struct ThreadRecord {
   ThreadControlBlock tcb;
-  pid_t kernelTid;  // set once the thread has applied its start values; 0 before
+  pid_t kernelTid;        // set once the thread has applied its start values; 0 before
+  SuspendCtrl* parkedOn;  // the suspend list its request hangs on (S_sCmLock)
 };
 static_assert(std::is_standard_layout_v<ThreadRecord> && offsetof(ThreadRecord, tcb) == 0);
 
