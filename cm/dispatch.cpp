@@ -6,6 +6,7 @@
 #include <array>
 
 #include "cm/cm_internal.h"
+#include "quorvin/lx_mutex.h"
 
 namespace quorvin::detail {
 namespace {
@@ -15,6 +16,8 @@ void SystemClass(uint16_t service, CmServiceRequest* request) { CM_SystemFunctio
 std::array<ClassEntry, kClassCount> g_classes = [] {
   std::array<ClassEntry, kClassCount> table{};
   table[ClassIndex(CM_CLASS_SYSTEM)] = {&SystemClass, nullptr};
+  table[ClassIndex(CM_CLASS_MUTEX)] = {&CM_MutexFunction, &CM_MutexWakeUp};
+  table[ClassIndex(CM_CLASS_THREAD)] = {&CM_ThreadFunction, nullptr};  // time-outs: CM_SystemFunction
   return table;
 }();
 

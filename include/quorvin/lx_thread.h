@@ -69,6 +69,29 @@ QV_API LX_STATUS _lx_ThreadPreemptionChange(LX_THREAD* psThread, uint16_t u16New
 QV_API LX_STATUS _lx_ThreadPriorityChange(LX_THREAD* psThread, uint16_t u16NewPriority,
                                           uint16_t* pu16OldPriority);
 
+/* Thread services. */
+QV_API LX_STATUS _lx_ThreadSleep(uint32_t u32Ticks);
+QV_API LX_STATUS _lx_ThreadResume(LX_THREAD* psThread);
+QV_API LX_STATUS _lx_ThreadSuspend(LX_THREAD* psThread);
+QV_API LX_STATUS _lx_ThreadWaitAbort(LX_THREAD* psThread);
+/* Does not return when psThread is the caller's own handle. */
+QV_API LX_STATUS _lx_ThreadTerminate(LX_THREAD* psThread);
+QV_API LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread);
+/* Run count is always 0; both next pointers are NULL. */
+QV_API LX_STATUS _lx_ThreadInfoGet(LX_THREAD* psThread, char** ppcName, uint16_t* pu16State,
+                                   uint32_t* pu32RunCount, uint16_t* pu16Priority,
+                                   uint16_t* pu16PreemptThreshold, uint32_t* pu32TimeSlice,
+                                   LX_THREAD** ppsNextThread, LX_THREAD** ppsNextSuspended);
+
+/* Service codes of the thread class. */
+#define CM_THREAD_SLEEP 0x88
+#define CM_THREAD_SUSPEND 0x89
+#define CM_THREAD_TERMINATE 0x8A
+#define CM_THREAD_WAIT_ABORT 0x8C
+
+/* Dispatcher side: dispatcher thread, component-manager lock held. */
+QV_API void CM_ThreadFunction(uint16_t u16Service, CmServiceRequest* psRequest);
+
 #ifdef __cplusplus
 }
 #endif

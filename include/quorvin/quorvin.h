@@ -8,6 +8,7 @@
 #include "lx_cm.h"
 #include "lx_kernel.h"
 #include "lx_log.h"
+#include "lx_mutex.h"
 #include "lx_thread.h"
 #include "lx_timer.h"
 

@@ -1,0 +1,214 @@
+// Mutexes: the _lx_Mutex services (calling thread) and the CM_Mutex handlers
+// (dispatcher thread, S_sCmLock held).
+//
+// The control block changes only on the dispatcher. The registry is read and
+// changed by the calling threads under its own lock. A put completes its
+// requester before it hands the mutex over, so the putting thread may run
+// again while the new owner is being woken.
+#include <cstdlib>
+#include <mutex>
+
+#include "cm/object_class.h"
+#include "cm/registry.h"
+#include "kernel/platform.h"
+#include "quorvin/lx_mutex.h"
+#include "quorvin/lx_timer.h"
+
+namespace quorvin::detail {
+
+void* S_paMutex[kRegistrySlots] = {};
+int32_t S_i32MutexIndex = 0;
+
+namespace {
+
+HandleRegistry& Mutexes() noexcept {
+  static HandleRegistry registry(S_paMutex, S_i32MutexIndex);
+  return registry;
+}
+
+MutexControlBlock* MutexOf(void* handle) noexcept {
+  return handle != nullptr
+             ? std::atomic_ref<MutexControlBlock*>(*static_cast<LX_MUTEX*>(handle)).load(std::memory_order_acquire)
+             : nullptr;
+}
+
+SuspendCtrl* MutexList(void* handle) noexcept {
+  MutexControlBlock* mutex = MutexOf(handle);
+  return mutex != nullptr ? &mutex->sSuspendCtrl : nullptr;
+}
+
+constexpr uint16_t MutexTimeout(const SuspendCtrl&) noexcept { return LX_NOT_AVAILABLE; }
+
+constexpr SuspendClass kMutexClass{&MutexList, &MutexTimeout, &FrontCountUp};
+
+// Checks shared by get, put and delete, in their order; the caller's handle
+// comes back through caller.
+LX_STATUS CheckHandle(LX_MUTEX* handle, LX_THREAD*& caller) noexcept {
+  if (!Mutexes().Contains(handle)) return LX_MUTEX_ERROR;
+  if (MutexOf(handle) == nullptr) return LX_MUTEX_ERROR;
+  caller = _lx_ThreadIdentify();
+  if (caller == G_psTimer) return LX_CALLER_ERROR;
+  return LX_SUCCESS;
+}
+
+// Builds the request in the caller's own block and waits for its answer.
+LX_STATUS Submit(LX_THREAD* caller, LX_MUTEX* handle, uint16_t service, uint32_t waitOption) {
+  CmServiceRequest& request = (*caller)->sRequest;
+  StoreService(request, service);
+  request.psThread = caller;
+  request.pvObject = handle;
+  StoreWaitOption(request, waitOption);
+  CM_Request(&request);
+  return request.u16Status;
+}
+
+// A caller that is not a thread of the system has no request block.
+bool Registered(LX_THREAD* caller) noexcept { return TcbOf(caller) != nullptr; }
+
+// The dispatcher's mutex, or nullptr (answered with LX_MUTEX_ERROR) when the
+// handle word was cleared between the caller's check and the dispatch.
+MutexControlBlock* DispatchedMutex(CmServiceRequest& request) noexcept {
+  MutexControlBlock* mutex = MutexOf(request.pvObject);
+  if (mutex == nullptr) CompleteLocked(request, LX_MUTEX_ERROR);
+  return mutex;
+}
+
+}  // namespace
+}  // namespace quorvin::detail
+
+using namespace quorvin::detail;
+
+LX_STATUS _lx_MutexCreate(LX_MUTEX* psMutex, const char* pcName, uint16_t u16Inherit) {
+  if (psMutex == nullptr) return LX_MUTEX_ERROR;
+  auto* mutex = static_cast<MutexControlBlock*>(std::calloc(1, sizeof(MutexControlBlock)));
+  if (mutex == nullptr) return LX_MUTEX_ERROR;
+  if (u16Inherit > 1) {
+    std::free(mutex);
+    return LX_INHERIT_ERROR;
+  }
+  if (pcName != nullptr) BoundedCopy(mutex->acName, pcName, sizeof mutex->acName);
+  mutex->u32Inherit = u16Inherit;
+  mutex->u32Available = 1;
+  if (!Mutexes().Add(psMutex)) {  // all 50 slots in use
+    std::free(mutex);
+    return LX_MUTEX_ERROR;
+  }
+  std::atomic_ref<MutexControlBlock*>(*psMutex).store(mutex, std::memory_order_release);
+  return LX_SUCCESS;
+}
+
+LX_STATUS _lx_MutexGet(LX_MUTEX* psMutex, uint32_t u32WaitOption) {
+  LX_THREAD* caller = nullptr;
+  if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
+  if (!Registered(caller)) return LX_MUTEX_ERROR;
+  return Submit(caller, psMutex, CM_MUTEX_GET, u32WaitOption);
+}
+
+LX_STATUS _lx_MutexPut(LX_MUTEX* psMutex) {
+  LX_THREAD* caller = nullptr;
+  if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
+  if (!Registered(caller)) return LX_MUTEX_ERROR;
+  return Submit(caller, psMutex, CM_MUTEX_PUT, LX_NO_WAIT);
+}
+
+LX_STATUS _lx_MutexDelete(LX_MUTEX* psMutex) {
+  LX_THREAD* caller = nullptr;
+  if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
+  if (!Registered(caller)) return LX_MUTEX_ERROR;
+  const LX_STATUS status = Submit(caller, psMutex, CM_MUTEX_DELETE, LX_NO_WAIT);
+  Mutexes().Remove(psMutex);
+  std::atomic_ref<MutexControlBlock*>(*psMutex).store(nullptr, std::memory_order_release);
+  return status;
+}
+
+LX_STATUS _lx_MutexPrioritize(LX_MUTEX* psMutex) {
+  if (!Mutexes().Contains(psMutex)) return LX_MUTEX_ERROR;
+  LX_THREAD* caller = _lx_ThreadIdentify();
+  if (!Registered(caller)) return LX_MUTEX_ERROR;
+  return Submit(caller, psMutex, CM_MUTEX_PRIORITIZE, LX_NO_WAIT);
+}
+
+LX_STATUS _lx_MutexInfoGet(LX_MUTEX* psMutex, char** ppcName, uint32_t* pu32Count, LX_THREAD** ppsOwner,
+                           SuspendNode** ppsFirstSuspended, uint32_t* pu32SuspendedCount, LX_MUTEX**) {
+  if (!Mutexes().Contains(psMutex)) return LX_MUTEX_ERROR;
+  MutexControlBlock* mutex = MutexOf(psMutex);
+  if (mutex == nullptr) return LX_MUTEX_ERROR;
+  if (ppcName == nullptr || pu32Count == nullptr || ppsOwner == nullptr || ppsFirstSuspended == nullptr ||
+      pu32SuspendedCount == nullptr) {
+    return LX_PTR_ERROR;
+  }
+  // A consistent snapshot: the dispatcher changes these under the same lock.
+  std::lock_guard lock(CmLock());
+  const int32_t waiters = mutex->sSuspendCtrl.i32SuspendCount;
+  *ppcName = mutex->acName;
+  *pu32Count = static_cast<uint32_t>(waiters + 1);
+  *ppsOwner = mutex->psOwner;
+  *ppsFirstSuspended = mutex->sSuspendCtrl.psFirstSuspend;
+  *pu32SuspendedCount = static_cast<uint32_t>(waiters);
+  return LX_SUCCESS;
+}
+
+void CM_MutexFunction(uint16_t u16Service, CmServiceRequest* psRequest) {
+  switch (u16Service) {
+    case CM_MUTEX_DELETE: CM_MutexDelete(psRequest); break;
+    case CM_MUTEX_GET: CM_MutexGet(psRequest); break;
+    case CM_MUTEX_PRIORITIZE: CM_MutexPrioritize(psRequest); break;
+    case CM_MUTEX_PUT: CM_MutexPut(psRequest); break;
+    default: CompleteLocked(*psRequest, LX_NOT_AVAILABLE);
+  }
+}
+
+int32_t CM_MutexGet(CmServiceRequest* psRequest) {
+  MutexControlBlock* mutex = DispatchedMutex(*psRequest);
+  if (mutex == nullptr) return 0;
+  psRequest->u16Status = LX_SUCCESS;
+  if (mutex->u32Available != 0) {
+    mutex->psOwner = psRequest->psThread;
+    mutex->u32Available = 0;
+    CM_WakeUpThread(psRequest);
+    return 0;
+  }
+  ParkRequest(*psRequest, mutex->sSuspendCtrl, LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE, CM_SUSPEND_COUNT_UP);
+  return 0;
+}
+
+int32_t CM_MutexPut(CmServiceRequest* psRequest) {
+  MutexControlBlock* mutex = DispatchedMutex(*psRequest);
+  if (mutex == nullptr) return 0;
+  CompleteLocked(*psRequest, LX_SUCCESS);  // the putter goes before the hand-over
+  SuspendCtrl& list = mutex->sSuspendCtrl;
+  if (list.i32SuspendCount <= 0) {
+    mutex->psOwner = nullptr;
+    mutex->u32Available = 1;
+    return 0;
+  }
+  SuspendNode* chosen = list.psFirstSuspend;
+  if (mutex->u32Inherit == 1) {
+    chosen = FindPreferredWaiter(list);
+    if (chosen == nullptr) chosen = list.psLastSuspend;
+  }
+  mutex->psOwner = chosen->psOwner;
+  CM_RemoveTargetFromSuspendListEx(&list, chosen, CM_REMOVE_SUCCESS, CM_STATUS_UNUSED);
+  return 0;
+}
+
+int32_t CM_MutexDelete(CmServiceRequest* psRequest) {
+  MutexControlBlock* mutex = DispatchedMutex(*psRequest);
+  if (mutex == nullptr) return 0;
+  psRequest->u16Status = LX_SUCCESS;
+  CM_WakeUpAllThreadInSuspendList(psRequest, &mutex->sSuspendCtrl, LX_DELETED);
+  std::free(mutex);
+  CM_WakeUpThread(psRequest);
+  return 0;
+}
+
+int32_t CM_MutexPrioritize(CmServiceRequest* psRequest) {
+  MutexControlBlock* mutex = DispatchedMutex(*psRequest);
+  if (mutex == nullptr) return 0;
+  PrioritizeWaiters(kMutexClass, *psRequest, mutex->sSuspendCtrl);
+  return 0;
+}
+
+void CM_MutexWakeUp(CmServiceRequest* psDriver) { WakeUpWaiter(kMutexClass, *psDriver); }
+
+void CM_MutexWaitAbort(CmServiceRequest* psRequest) { WaitAbortWaiter(kMutexClass, *psRequest); }
