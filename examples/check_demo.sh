@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the demo firmware for one second in a private mount namespace and
+# Runs the demo firmware for two seconds in a private mount namespace and
 # checks that it booted, ticked, fired its timers and wrote its pid list.
 # Usage: check_demo.sh [emulator ...] demo_firmware
 set -u
@@ -11,7 +11,7 @@ fi
 output="$(unshare --mount --propagation private bash -c '
   run_dir="$1"; shift
   mount -t tmpfs tmpfs "$run_dir" && mkdir -p "$run_dir/velmora" || exit 1
-  timeout 30 "$@" 1; status=$?
+  timeout 30 "$@" 2; status=$?
   echo "--- pid list"; cat "$run_dir/velmora/velmora_pid.lst"
   exit $status' check "$run_dir" "$@" 2>&1)"
 status=$?
@@ -21,9 +21,10 @@ fail() { echo "FAILED: $1"; exit 1; }
 grep -q '^IPMI initial costs [0-9]* seconds, [0-9]* nanoseconds$' <<<"$output" || fail "start-up line"
 grep -q '^== demo summary (time is up) ==$' <<<"$output" || fail "summary"
 grep -q 'one-shot check' <<<"$output" || fail "one-shot timer"
-for name in CMRH TimerISR SoftTimer sampler reporter supervisor; do
+for name in CMRH TimerISR SoftTimer sampler reporter supervisor poller worker waiter; do
   grep -q "^Name: $name, pid:[0-9]*$" <<<"$output" || fail "pid-list line of $name"
 done
+grep -q 'waiter: endless wait ended with status 26' <<<"$output" || fail "aborted wait"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
-[ "${ticks:-0}" -ge 50 ] || fail "only ${ticks:-0} ticks in one second"
+[ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"

@@ -2,9 +2,12 @@
  * A small firmware application on quorvin.
  *
  * It boots the system with one call and runs for a given number of seconds
- * (default 5): a sampler thread takes readings, a reporter thread prints them,
- * a periodic heartbeat timer counts ticks, a one-shot timer fires once, and a
- * supervisor thread ends the run with a summary. SIGQUIT ends it early, in
+ * (default 5): a sampler thread takes readings into a record guarded by a
+ * mutex with priority inheritance, a reporter thread prints them, a poller
+ * asks for a busy mutex with a finite wait that times out, a worker is
+ * suspended and resumed by a periodic timer, a waiter's endless wait is
+ * aborted, a periodic heartbeat timer counts ticks, a one-shot timer fires
+ * once, and a supervisor thread ends the run with a summary. SIGQUIT ends it early, in
  * order: the supervisor is told through g_zloop_exit_id and SIGTERM, prints
  * the summary, and the system exits with status 0.
  *
@@ -24,6 +27,14 @@
 static LX_THREAD s_sampler;
 static LX_THREAD s_reporter;
 static LX_THREAD s_supervisor;
+static LX_THREAD s_poller;
+static LX_THREAD s_worker;
+static LX_THREAD s_waiter;
+static LX_MUTEX s_record;   /* guards the latest reading */
+static LX_MUTEX s_busy;     /* held for long stretches by the supervisor */
+static LX_MUTEX s_gate;     /* taken during start-up and never given back */
+static LX_TIMER s_toggle;
+static LX_TIMER s_abort;
 static LX_TIMER s_heartbeat;
 static LX_TIMER s_startupCheck;
 
@@ -35,6 +46,11 @@ static atomic_uint s_timersFired;
 static atomic_uint s_samples;
 static atomic_uint s_reports;
 static atomic_uint s_lastReading;
+static atomic_uint s_mutexGets;
+static atomic_uint s_timeouts;
+static atomic_uint s_aborts;
+static atomic_uint s_suspends;
+static atomic_uint s_workDone;
 
 static double SecondsSince(const struct timespec* start) {
   struct timespec now;
@@ -62,14 +78,69 @@ static void StartupCheck(uint32_t input) {
          atomic_load(&s_samples));
 }
 
+/* Suspends the worker on one expiry and resumes it on the next. */
+static void ToggleWorker(uint32_t input) {
+  (void)input;
+  if (s_worker->u16State == LX_STATE_SUSPENDED) {
+    _lx_ThreadResume(&s_worker);
+  } else if (_lx_ThreadSuspend(&s_worker) == LX_SUCCESS) {
+    atomic_fetch_add(&s_suspends, 1);
+  }
+}
+
+static void AbortWaiter(uint32_t input) {
+  (void)input;
+  atomic_fetch_add(&s_timersFired, 1);
+  _lx_ThreadWaitAbort(&s_waiter);
+}
+
 static void* Sampler(uint64_t input) {
   unsigned value = (unsigned)input;
   for (;;) {
     value = value * 1103515245u + 12345u;
-    atomic_store(&s_lastReading, (value >> 16) % 1000u);
-    atomic_fetch_add(&s_samples, 1);
+    if (_lx_MutexGet(&s_record, LX_WAIT_FOREVER) == LX_SUCCESS) {
+      atomic_fetch_add(&s_mutexGets, 1);
+      atomic_store(&s_lastReading, (value >> 16) % 1000u);
+      atomic_fetch_add(&s_samples, 1);
+      _lx_MutexPut(&s_record);
+    }
     SleepMs(20);
   }
+  return NULL;
+}
+
+/* Asks for the busy mutex with a 20-tick wait: while the supervisor holds it
+ * the wait times out. */
+static void* Poller(uint64_t input) {
+  (void)input;
+  for (;;) {
+    const LX_STATUS status = _lx_MutexGet(&s_busy, 20);
+    if (status == LX_SUCCESS) {
+      _lx_MutexPut(&s_busy);
+      SleepMs(100);
+    } else if (status == LX_NOT_AVAILABLE) {
+      atomic_fetch_add(&s_timeouts, 1);
+    }
+  }
+  return NULL;
+}
+
+static void* Worker(uint64_t input) {
+  (void)input;
+  for (;;) {
+    atomic_fetch_add(&s_workDone, 1);
+    SleepMs(10);
+  }
+  return NULL;
+}
+
+/* Waits for ever on the gate until its wait is aborted. */
+static void* Waiter(uint64_t input) {
+  (void)input;
+  const LX_STATUS status = _lx_MutexGet(&s_gate, LX_WAIT_FOREVER);
+  if (status == LX_WAIT_ABORTED) atomic_fetch_add(&s_aborts, 1);
+  printf("[%6.2f s] waiter: endless wait ended with status %u\n", SecondsSince(&s_started), status);
+  if (status == LX_SUCCESS) _lx_MutexPut(&s_gate);
   return NULL;
 }
 
@@ -77,9 +148,15 @@ static void* Reporter(uint64_t input) {
   (void)input;
   for (;;) {
     SleepMs(500);
+    unsigned reading = 0;
+    if (_lx_MutexGet(&s_record, LX_WAIT_FOREVER) == LX_SUCCESS) {
+      atomic_fetch_add(&s_mutexGets, 1);
+      reading = atomic_load(&s_lastReading);
+      _lx_MutexPut(&s_record);
+    }
     atomic_fetch_add(&s_reports, 1);
-    printf("[%6.2f s] reporter: %u samples, last reading %u\n", SecondsSince(&s_started),
-           atomic_load(&s_samples), atomic_load(&s_lastReading));
+    printf("[%6.2f s] reporter: %u samples, last reading %u, poller time-outs %u\n",
+           SecondsSince(&s_started), atomic_load(&s_samples), reading, atomic_load(&s_timeouts));
   }
   return NULL;
 }
@@ -98,6 +175,10 @@ static void PrintSummary(const char* why) {
   printf("timers fired        %u\n", atomic_load(&s_timersFired));
   printf("samples taken       %u\n", atomic_load(&s_samples));
   printf("reports printed     %u\n", atomic_load(&s_reports));
+  printf("mutex gets          %u\n", atomic_load(&s_mutexGets));
+  printf("wait time-outs      %u\n", atomic_load(&s_timeouts));
+  printf("waits aborted       %u\n", atomic_load(&s_aborts));
+  printf("worker suspensions  %u (%u work items)\n", atomic_load(&s_suspends), atomic_load(&s_workDone));
   fflush(stdout);
 }
 
@@ -108,10 +189,21 @@ static void* Supervisor(uint64_t input) {
   sigset_t terminate;
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
-  const struct timespec limit = {(time_t)s_runSeconds, 0};
-  if (sigtimedwait(&terminate, NULL, &limit) == SIGTERM && g_zloop_exit_id == 1) {
-    PrintSummary("SIGQUIT");
-    return NULL; /* the signal handler exits the process */
+  /* Holds the busy mutex for most of each second, so the poller's waits
+   * time out, and checks for SIGTERM in between. */
+  const struct timespec hold = {0, 700000000L};
+  const struct timespec release = {0, 300000000L};
+  const struct timespec* pause = &hold;
+  for (;;) {
+    if (SecondsSince(&s_started) >= s_runSeconds) break;
+    const int busy = pause == &hold && _lx_MutexGet(&s_busy, LX_WAIT_FOREVER) == LX_SUCCESS;
+    const int taken = sigtimedwait(&terminate, NULL, pause);
+    if (busy) _lx_MutexPut(&s_busy);
+    if (taken == SIGTERM && g_zloop_exit_id == 1) {
+      PrintSummary("SIGQUIT");
+      return NULL; /* the signal handler exits the process */
+    }
+    pause = pause == &hold ? &release : &hold;
   }
   PrintSummary("time is up");
   exit(0);
@@ -119,10 +211,19 @@ static void* Supervisor(uint64_t input) {
 
 static void DefineApplication(void) {
   printf("defining the application (state word 0x%08X)\n", _lx_thread_system_state);
+  _lx_MutexCreate(&s_record, "record", LX_INHERIT);
+  _lx_MutexCreate(&s_busy, "busy", LX_NO_INHERIT);
+  _lx_MutexCreate(&s_gate, "gate", LX_NO_INHERIT);
+  _lx_MutexGet(&s_gate, LX_NO_WAIT);
   _lx_ThreadCreate(&s_sampler, "sampler", Sampler, 7, NULL, 0, 32, 0, 0, 1);
   _lx_ThreadCreate(&s_reporter, "reporter", Reporter, 0, NULL, 0, 32, 0, 0, 1);
   _lx_ThreadCreate(&s_supervisor, "supervisor", Supervisor, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_poller, "poller", Poller, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_worker, "worker", Worker, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_waiter, "waiter", Waiter, 0, NULL, 0, 32, 0, 0, 1);
   g_zloop_thread_id = s_supervisor->hThread;
+  _lx_TimerCreate(&s_toggle, "toggle-worker", ToggleWorker, 0, 50, 50, 1);
+  _lx_TimerCreate(&s_abort, "abort-waiter", AbortWaiter, 0, 150, 0, 1);
   _lx_TimerCreate(&s_heartbeat, "heartbeat", Heartbeat, TICKS_PER_SECOND, TICKS_PER_SECOND,
                   TICKS_PER_SECOND, 1);
   _lx_TimerCreate(&s_startupCheck, "startup-check", StartupCheck, 0, 50, 0, 1);
