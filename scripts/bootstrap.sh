@@ -6,7 +6,8 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ make pkg-config util-linux
+  cmake g++ make pkg-config
+  util-linux mount                       # unshare, setarch, mount (the demo check)
   googletest libgtest-dev libgmock-dev   # GoogleTest sources in /usr/src/googletest
   libbenchmark-dev
   g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user   # the arm64 build and its tests
