@@ -17,7 +17,8 @@ class SleepAgentTest : public KernelTest {
   void SetUp() override {
     KernelTest::SetUp();
     if (IsSkipped()) return;
-    timer_ = std::make_unique<StandInTimer>();
+    // The stand-in timer thread lives as long as the process.
+    timer_ = new StandInTimer();
   }
 
   void TearDown() override {
@@ -43,7 +44,7 @@ class SleepAgentTest : public KernelTest {
               }),
               LX_SUCCESS);
     ASSERT_TRUE(WaitUntil([&] { return Registered() == before + 1 || wait == LX_WAIT_FOREVER; }));
-    ASSERT_TRUE(WaitUntil([&] { return waiter.handle->u16State == LX_STATE_SEMAPHORE_WAIT; }));
+    ASSERT_TRUE(WaitUntil([&] { return StateOf(waiter.handle) == LX_STATE_SEMAPHORE_WAIT; }));
   }
 
   size_t Registered() {
@@ -76,7 +77,7 @@ class SleepAgentTest : public KernelTest {
     return -1;
   }
 
-  std::unique_ptr<StandInTimer> timer_;
+  StandInTimer* timer_ = nullptr;
   TestObject object_;
   TestObject* handle_ = &object_;
   std::mutex mutex_;
@@ -92,11 +93,11 @@ TEST_F(SleepAgentTest, WaitOfNTicksExpiresOnThePassAfterN) {
     // Each pass before the expiry only counts down.
     timer_->RunPasses(static_cast<int>(ticks));
     EXPECT_FALSE(TimedOut(waiter)) << ticks;
-    EXPECT_EQ(waiter.handle->sRequest.u32WaitOption, 0u);
+    EXPECT_EQ(Peek(waiter.handle->sRequest.u32WaitOption), 0u);
     timer_->RunPasses(1);
     ASSERT_TRUE(WaitUntil([&] { return Done(waiter); })) << ticks;
     EXPECT_EQ(waiter.status, kTestTimeoutStatus);
-    EXPECT_EQ(waiter.handle->u16State, LX_STATE_READY);
+    EXPECT_EQ(StateOf(waiter.handle), LX_STATE_READY);
     EXPECT_EQ(Registered(), 0u);
     std::lock_guard lock(CmLock());
     EXPECT_EQ(object_.sSuspendCtrl.i32SuspendCount, 0);
@@ -119,7 +120,7 @@ TEST_F(SleepAgentTest, EqualWaitsRegisteredInOrderExpireOnTheSamePassInOrder) {
                                                        reinterpret_cast<uint64_t>(&b.handle)}));
   }
   EXPECT_FALSE(TimedOut(c));
-  EXPECT_EQ(c.handle->sRequest.u32WaitOption, 2u);  // counted on every pass, expiries included
+  EXPECT_EQ(Peek(c.handle->sRequest.u32WaitOption), 2u);  // counted on every pass, expiries included
   EXPECT_EQ(PassesUntilReleased(c, 10), 3);
 }
 
@@ -137,7 +138,7 @@ TEST_F(SleepAgentTest, ReleasedWaitLeavesTheListAndIsNeverWokenAgain) {
   Park(again, LX_WAIT_FOREVER);
   timer_->RunPasses(6);
   EXPECT_FALSE(TimedOut(again));
-  EXPECT_EQ(again.handle->u16State, LX_STATE_SEMAPHORE_WAIT);
+  EXPECT_EQ(StateOf(again.handle), LX_STATE_SEMAPHORE_WAIT);
   Issue(kTestGive, &handle_);
   ASSERT_TRUE(WaitUntil([&] { return Done(again); }));
   EXPECT_EQ(again.status, LX_SUCCESS);
@@ -149,7 +150,7 @@ TEST_F(SleepAgentTest, MovedWaiterKeepsItsRemainingTicks) {
   Park(b, 4);
   timer_->RunPasses(2);
   Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, &b.handle->sRequest.sSuspendNode);
-  EXPECT_EQ(b.handle->sRequest.u32WaitOption, 2u);
+  EXPECT_EQ(Peek(b.handle->sRequest.u32WaitOption), 2u);
   EXPECT_EQ(PassesUntilReleased(b, 10), 3);
   EXPECT_EQ(b.status, kTestTimeoutStatus);
   EXPECT_EQ(PassesUntilReleased(a, 10), 2);
@@ -160,9 +161,9 @@ TEST_F(SleepAgentTest, MovedWaiterWithNoTicksLeftStillWaitsForItsExpiry) {
   Park(a, LX_WAIT_FOREVER);
   Park(b, 1);
   timer_->RunPasses(1);
-  ASSERT_EQ(b.handle->sRequest.u32WaitOption, 0u);
+  ASSERT_EQ(Peek(b.handle->sRequest.u32WaitOption), 0u);
   Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, &b.handle->sRequest.sSuspendNode);
-  EXPECT_EQ(b.handle->u16State, LX_STATE_SEMAPHORE_WAIT);
+  EXPECT_EQ(StateOf(b.handle), LX_STATE_SEMAPHORE_WAIT);
   EXPECT_EQ(Registered(), 1u);
   EXPECT_EQ(PassesUntilReleased(b, 3), 1);
   EXPECT_EQ(b.status, kTestTimeoutStatus);
@@ -186,8 +187,8 @@ TEST_F(SleepAgentTest, ForeverWaitsAndAnEmptyListAreLeftAlone) {
   EXPECT_EQ(Registered(), 0u);
   timer_->RunPasses(5);
   EXPECT_FALSE(TimedOut(forever));
-  EXPECT_EQ(forever.handle->u16State, LX_STATE_SEMAPHORE_WAIT);
-  EXPECT_EQ(forever.handle->sRequest.u32WaitOption, LX_WAIT_FOREVER);
+  EXPECT_EQ(StateOf(forever.handle), LX_STATE_SEMAPHORE_WAIT);
+  EXPECT_EQ(Peek(forever.handle->sRequest.u32WaitOption), LX_WAIT_FOREVER);
   Issue(kTestGive, &handle_);
   ASSERT_TRUE(WaitUntil([&] { return Done(forever); }));
 }
@@ -230,13 +231,13 @@ TEST_F(SleepAgentTest, TimeOutOfAThreadWaitingOnTicksAloneReleasesItWithItsStatu
             LX_SUCCESS);
   spawned_.push_back(&sleeper);
   ASSERT_TRUE(WaitUntil([&] { return Registered() == 1; }));
-  EXPECT_EQ(sleeper->u16State, LX_STATE_SLEEPING);
+  EXPECT_EQ(StateOf(sleeper), LX_STATE_SLEEPING);
   timer_->RunPasses(2);
   EXPECT_FALSE(WaitUntil([&] { std::lock_guard l(mutex_); return done; }, std::chrono::milliseconds(50)));
   timer_->RunPasses(1);
   ASSERT_TRUE(WaitUntil([&] { std::lock_guard l(mutex_); return done; }));
   EXPECT_EQ(status, LX_SUCCESS);
-  EXPECT_EQ(sleeper->u16State, LX_STATE_READY);
+  EXPECT_EQ(StateOf(sleeper), LX_STATE_READY);
   EXPECT_EQ(Registered(), 0u);
 }
 

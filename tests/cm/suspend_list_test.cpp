@@ -49,7 +49,7 @@ class SuspendListTest : public KernelTest {
               }),
               LX_SUCCESS);
     ASSERT_TRUE(WaitUntil([&] { return Count() != before; }));
-    EXPECT_EQ(waiter.handle->u16State, LX_STATE_SEMAPHORE_WAIT);
+    EXPECT_EQ(StateOf(waiter.handle), LX_STATE_SEMAPHORE_WAIT);
   }
 
   bool Done(const Waiter& waiter) {
@@ -83,7 +83,7 @@ TEST_F(SuspendListTest, AppendedWaitersAreReleasedInArrivalOrder) {
   EXPECT_EQ(Order(), (std::vector<Waiter*>{&a, &b, &c}));
   for (Waiter* w : {&a, &b, &c}) {
     EXPECT_EQ(w->status, LX_SUCCESS);
-    EXPECT_EQ(w->handle->u16State, LX_STATE_READY);
+    EXPECT_EQ(StateOf(w->handle), LX_STATE_READY);
   }
 }
 
@@ -93,7 +93,7 @@ TEST_F(SuspendListTest, FrontInsertIsReleasedFirst) {
   Park(b);
   Park(front, LX_WAIT_FOREVER, CM_SUSPEND_AT_FRONT | CM_SUSPEND_COUNT_UP);
   EXPECT_EQ(Count(), 3);
-  EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, &front.handle->sRequest.sSuspendNode);
+  EXPECT_EQ(Locked([&] { return object_.sSuspendCtrl.psFirstSuspend; }), &front.handle->sRequest.sSuspendNode);
   ASSERT_EQ(Issue(kTestGive, &handle_), LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([&] { return Done(front); }));
   EXPECT_FALSE(Done(a));
@@ -113,9 +113,12 @@ TEST_F(SuspendListTest, NegativeCountsMoveTowardZeroAndReleaseAllFreesEveryone) 
   EXPECT_EQ(b.status, LX_QUEUE_EMPTY);
   EXPECT_EQ(Count(), -2);
   // The middle node went; the others keep their order.
-  EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, &a.handle->sRequest.sSuspendNode);
-  EXPECT_EQ(a.handle->sRequest.sSuspendNode.psNext, &c.handle->sRequest.sSuspendNode);
-  EXPECT_EQ(c.handle->sRequest.sSuspendNode.psPrev, &a.handle->sRequest.sSuspendNode);
+  Locked([&] {
+    EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, &a.handle->sRequest.sSuspendNode);
+    EXPECT_EQ(a.handle->sRequest.sSuspendNode.psNext, &c.handle->sRequest.sSuspendNode);
+    EXPECT_EQ(c.handle->sRequest.sSuspendNode.psPrev, &a.handle->sRequest.sSuspendNode);
+    return 0;
+  });
 
   ASSERT_EQ(Issue(kTestReleaseAll, &handle_, LX_NO_WAIT, LX_DELETED), LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([&] { return Done(a) && Done(c); }));
@@ -130,15 +133,15 @@ TEST_F(SuspendListTest, RemovingTheOnlyNodeEmptiesBothEnds) {
   Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_ABORTED, &a.handle->sRequest.sSuspendNode);
   ASSERT_TRUE(WaitUntil([&] { return Done(a); }));
   EXPECT_EQ(a.status, LX_WAIT_ABORTED);
-  EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, nullptr);
-  EXPECT_EQ(object_.sSuspendCtrl.psLastSuspend, nullptr);
+  EXPECT_EQ(Locked([&] { return object_.sSuspendCtrl.psFirstSuspend; }), nullptr);
+  EXPECT_EQ(Locked([&] { return object_.sSuspendCtrl.psLastSuspend; }), nullptr);
   EXPECT_EQ(Count(), 0);
 }
 
 TEST_F(SuspendListTest, NoWaitCompletesAtOnceWithTheUnsatisfiedStatus) {
   EXPECT_EQ(Issue(kTestTake, &handle_, LX_NO_WAIT), kTestTimeoutStatus);
   EXPECT_EQ(Count(), 0);
-  EXPECT_EQ((*_lx_ThreadIdentify())->u16State, LX_STATE_READY);
+  EXPECT_EQ(StateOf(*_lx_ThreadIdentify()), LX_STATE_READY);
   EXPECT_EQ(Locked([] { return quorvin::detail::S_psSleepTop; }), nullptr);
   Issue(kTestGive, &handle_);
   EXPECT_EQ(Issue(kTestTake, &handle_, LX_NO_WAIT), LX_SUCCESS);
@@ -148,17 +151,17 @@ TEST_F(SuspendListTest, OnlyFiniteWaitsAreRegisteredAndReleaseDeregisters) {
   Waiter &forever = NewWaiter(), &finite = NewWaiter();
   Park(forever);
   EXPECT_EQ(Locked([] { return quorvin::detail::S_psSleepTop; }), nullptr);
-  EXPECT_EQ(forever.handle->sRequest.u64InSleepAgent, 0u);
+  EXPECT_EQ(Peek(forever.handle->sRequest.u64InSleepAgent), 0u);
   Park(finite, 50);
   CmServiceRequest* registered = &finite.handle->sRequest;
   EXPECT_EQ(Locked([] { return quorvin::detail::S_psSleepTop; }), registered);
   EXPECT_EQ(Locked([] { return quorvin::detail::S_psSleepEnd; }), registered);
-  EXPECT_EQ(registered->u64InSleepAgent, 1u);
+  EXPECT_EQ(Peek(registered->u64InSleepAgent), 1u);
 
   Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_SUCCESS, &registered->sSuspendNode);
   ASSERT_TRUE(WaitUntil([&] { return Done(finite); }));
   EXPECT_EQ(Locked([] { return quorvin::detail::S_psSleepTop; }), nullptr);
-  EXPECT_EQ(registered->u64InSleepAgent, 0u);
+  EXPECT_EQ(Peek(registered->u64InSleepAgent), 0u);
   Issue(kTestReleaseAll, &handle_, LX_NO_WAIT, LX_DELETED);
 }
 
@@ -170,9 +173,9 @@ TEST_F(SuspendListTest, UnlinkOnlyNeitherWakesNorDeregisters) {
   // Unlink b without releasing it, then add it again at the front.
   Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, node);
   EXPECT_EQ(Count(), 2);
-  EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, node);
+  EXPECT_EQ(Locked([&] { return object_.sSuspendCtrl.psFirstSuspend; }), node);
   EXPECT_FALSE(Done(b));
-  EXPECT_EQ(b.handle->sRequest.u64InSleepAgent, 1u);
+  EXPECT_EQ(Peek(b.handle->sRequest.u64InSleepAgent), 1u);
   // Still registered once: the sleep list holds a then b, nothing more.
   Locked([&] {
     EXPECT_EQ(quorvin::detail::S_psSleepTop, &a.handle->sRequest);

@@ -32,6 +32,14 @@ LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body,
 // have ended (joins it).
 bool Join(LX_THREAD thread, std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
 
+// Reads a word that kernel threads change without a lock (a thread's state, a
+// request's wait option or sleep flag), atomically.
+template <typename T>
+T Peek(const T& word) {
+  return quorvin::detail::LoadRelaxed(word);
+}
+inline uint16_t StateOf(LX_THREAD thread) { return Peek(thread->u16State); }
+
 // The calling thread's own request block (the thread must be in the pool).
 CmServiceRequest& OwnRequest();
 
