@@ -1,0 +1,252 @@
+// Mutexes: hand-over order, ownership rules, time-outs, aborts, prioritize,
+// delete, the registry and who may call.
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "support/kernel_fixture.h"
+
+namespace quorvin::test {
+namespace {
+
+using namespace quorvin::detail;
+
+struct Info {
+  char* name = nullptr;
+  uint32_t count = 0xFFFF, suspended = 0xFFFF;
+  LX_THREAD* owner = nullptr;
+  SuspendNode* first = nullptr;
+  LX_MUTEX* next = reinterpret_cast<LX_MUTEX*>(0x5a5a);  // never written
+};
+
+class MutexTest : public KernelTest {
+ protected:
+  void TearDown() override {
+    for (Waiter& waiter : waiters_) EXPECT_TRUE(Join(waiter.handle));
+    for (LX_MUTEX& mutex : mutexes_) EXPECT_TRUE(mutex == nullptr || _lx_MutexDelete(&mutex) == LX_SUCCESS);
+  }
+  struct Waiter {
+    LX_THREAD handle = nullptr;
+    std::atomic<uint32_t> status{0xFFFF};
+  };
+
+  LX_MUTEX& NewMutex(uint16_t inherit, bool own = true) {
+    LX_MUTEX& mutex = mutexes_.emplace_back();
+    EXPECT_EQ(_lx_MutexCreate(&mutex, "m", inherit), LX_SUCCESS);
+    EXPECT_TRUE(!own || _lx_MutexGet(&mutex, LX_NO_WAIT) == LX_SUCCESS);
+    return mutex;
+  }
+  // A thread that asks for the mutex (after taking it once itself, if
+  // ownerFirst); returns once the dispatcher has parked it.
+  Waiter& Wait(LX_MUTEX& mutex, uint16_t priority = 32, uint32_t wait = LX_WAIT_FOREVER, bool ownerFirst = false) {
+    Waiter& waiter = waiters_.emplace_back();
+    const int32_t before = Waiting(mutex);
+    EXPECT_EQ(Spawn(&waiter.handle, "waiter", [&waiter, &mutex, wait, ownerFirst] {
+                if (ownerFirst) _lx_MutexGet(&mutex, LX_NO_WAIT);
+                waiter.status = _lx_MutexGet(&mutex, wait);
+              }, priority), LX_SUCCESS);
+    EXPECT_TRUE(WaitUntil([&] { return Waiting(mutex) == before + 1; }));
+    EXPECT_EQ(LoadState(*waiter.handle), LX_STATE_MUTEX_WAIT);
+    return waiter;
+  }
+  static uint32_t StatusOf(Waiter& waiter) {  // once its get has returned
+    WaitUntil([&] { return waiter.status != 0xFFFF; });
+    return waiter.status;
+  }
+  static int32_t Waiting(LX_MUTEX mutex) {
+    std::lock_guard lock(CmLock());
+    return mutex->sSuspendCtrl.i32SuspendCount;
+  }
+  static size_t Registered() {
+    std::lock_guard lock(CmLock());
+    size_t n = 0;
+    for (auto* r = S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
+    return n;
+  }
+  static Info InfoOf(LX_MUTEX& mutex, LX_STATUS expected = LX_SUCCESS) {
+    Info i;
+    EXPECT_EQ(_lx_MutexInfoGet(&mutex, &i.name, &i.count, &i.owner, &i.first, &i.suspended, &i.next), expected);
+    EXPECT_EQ(i.next, Info{}.next);
+    return i;
+  }
+  static LX_THREAD* FirstWaiter(LX_MUTEX& mutex) {
+    const SuspendNode* first = InfoOf(mutex).first;
+    return first != nullptr ? first->psOwner : nullptr;
+  }
+  // Made on first use and never destroyed: its thread reads its members for as long as the process lives.
+  static StandInTimer& Timer() {
+    static StandInTimer* const timer = new StandInTimer;
+    return *timer;
+  }
+
+  std::deque<Waiter> waiters_;
+  std::deque<LX_MUTEX> mutexes_;
+};
+
+TEST_F(MutexTest, PutHandsOverToTheLongestWaiterOrWithInheritToTheHighestPriority) {
+  struct Case { uint16_t inherit, priorityA, priorityB; bool toB; };
+  for (const Case& c : {Case{0, 10, 5, false}, Case{1, 10, 5, true}, Case{1, 5, 5, true}, Case{1, 31, 32, true}}) {
+    SCOPED_TRACE(testing::Message() << "inherit " << c.inherit << ", A " << c.priorityA << ", B " << c.priorityB);
+    LX_MUTEX& mutex = NewMutex(c.inherit);
+    Waiter& a = Wait(mutex, c.priorityA);
+    Waiter& b = Wait(mutex, c.priorityB);
+    Waiter &first = c.toB ? b : a, &second = c.toB ? a : b;
+    Info info = InfoOf(mutex);
+    EXPECT_EQ(info.owner, _lx_ThreadIdentify());
+    EXPECT_EQ(info.count, 3u);
+    EXPECT_EQ(info.suspended, 2u);
+    EXPECT_EQ(FirstWaiter(mutex), &a.handle);
+    // The hand-over is over when the put returns: its requester passes the lock after the pass.
+    ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
+    info = InfoOf(mutex);
+    EXPECT_EQ(info.owner, &first.handle);
+    EXPECT_EQ(info.suspended, 1u);
+    EXPECT_EQ(FirstWaiter(mutex), &second.handle);
+    EXPECT_EQ(StatusOf(first), LX_SUCCESS);
+    ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);  // not the owner: released all the same
+    EXPECT_EQ(InfoOf(mutex).owner, &second.handle);
+    EXPECT_EQ(StatusOf(second), LX_SUCCESS);
+    ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
+    info = InfoOf(mutex);
+    EXPECT_EQ(info.owner, nullptr);
+    EXPECT_EQ(info.count, 1u);
+    EXPECT_EQ(info.first, nullptr);
+  }
+}
+
+TEST_F(MutexTest, OwnedMutexRefusesNoWaitGetsAndMakesEvenItsOwnerWait) {
+  LX_MUTEX& mutex = NewMutex(0);
+  EXPECT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_NOT_AVAILABLE);  // the owner too: no count
+  EXPECT_EQ(LoadState(**_lx_ThreadIdentify()), LX_STATE_READY);
+  EXPECT_EQ(Waiting(mutex), 0);
+  ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
+  Waiter& owner = Wait(mutex, 32, LX_WAIT_FOREVER, true);  // owns it, then asks again
+  EXPECT_EQ(InfoOf(mutex).owner, &owner.handle);
+  ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
+  EXPECT_EQ(StatusOf(owner), LX_SUCCESS);
+  EXPECT_EQ(InfoOf(mutex).owner, &owner.handle);
+  ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
+  EXPECT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);  // on a free mutex
+  EXPECT_EQ(InfoOf(mutex).owner, nullptr);
+  EXPECT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_SUCCESS);
+  EXPECT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_NOT_AVAILABLE);  // still one owner at a time
+}
+
+TEST_F(MutexTest, FiniteWaitTimesOutOnThePassAfterItsTicksAndAnAbortEndsItEarly) {
+  LX_MUTEX& mutex = NewMutex(0);
+  Waiter& late = Wait(mutex, 32, 5);
+  Timer().RunPasses(5);
+  EXPECT_EQ(Waiting(mutex), 1);
+  Timer().RunPasses(1);  // returns after the dispatcher has handled the expiry
+  EXPECT_EQ(Waiting(mutex), 0);
+  EXPECT_EQ(LoadState(*late.handle), LX_STATE_READY);
+  EXPECT_EQ(StatusOf(late), LX_NOT_AVAILABLE);
+
+  Waiter& aborted = Wait(mutex, 32, 5);
+  EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
+  EXPECT_EQ(StatusOf(aborted), LX_WAIT_ABORTED);
+  EXPECT_EQ(Waiting(mutex), 0);
+  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(InfoOf(mutex).owner, _lx_ThreadIdentify());
+}
+
+TEST_F(MutexTest, PrioritizeMovesTheHighestPriorityWaiterBelow31ToTheFront) {
+  LX_MUTEX& single = NewMutex(0);
+  Waiter& only = Wait(single, 10);
+  EXPECT_EQ(_lx_MutexPrioritize(&single), LX_SUCCESS);
+  EXPECT_EQ(FirstWaiter(single), &only.handle);
+  EXPECT_EQ(InfoOf(single).suspended, 1u);
+
+  LX_MUTEX& low = NewMutex(0);
+  Waiter& at31 = Wait(low, 31);
+  Wait(low, 32);
+  EXPECT_EQ(_lx_MutexPrioritize(&low), LX_NOT_AVAILABLE);
+  EXPECT_EQ(FirstWaiter(low), &at31.handle);
+
+  // A (20, forever) then B (10, 4 ticks): B goes first and keeps its ticks.
+  LX_MUTEX& mutex = NewMutex(0);
+  Waiter& a = Wait(mutex, 20);
+  Waiter& b = Wait(mutex, 10, 4);
+  Timer().RunPasses(1);
+  EXPECT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
+  EXPECT_EQ(FirstWaiter(mutex), &b.handle);
+  EXPECT_EQ(LoadWaitOption(b.handle->sRequest), 3u);
+  EXPECT_EQ(Registered(), 1u);
+  Timer().RunPasses(3);
+  EXPECT_EQ(Waiting(mutex), 2);
+  Timer().RunPasses(1);  // the fifth pass after it was parked, as without the move
+  EXPECT_EQ(Waiting(mutex), 1);
+  EXPECT_EQ(StatusOf(b), LX_NOT_AVAILABLE);
+
+  Waiter& c = Wait(mutex, 5);
+  EXPECT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
+  ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);  // no inherit: to the front waiter
+  EXPECT_EQ(InfoOf(mutex).owner, &c.handle);
+  for (LX_MUTEX* m : {&single, &low, &low, &mutex, &mutex}) ASSERT_EQ(_lx_MutexPut(m), LX_SUCCESS);
+  EXPECT_EQ(StatusOf(a), LX_SUCCESS);
+}
+
+TEST_F(MutexTest, DeleteReleasesEveryWaiterWithDeletedAndRetiresTheHandle) {
+  LX_MUTEX& mutex = NewMutex(1);
+  Waiter& forever = Wait(mutex, 10);
+  Waiter& timed = Wait(mutex, 20, 50);
+  EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);
+  EXPECT_EQ(mutex, nullptr);
+  EXPECT_EQ(StatusOf(forever), LX_DELETED);
+  EXPECT_EQ(StatusOf(timed), LX_DELETED);
+  EXPECT_EQ(Registered(), 0u);
+  for (LX_STATUS s : {_lx_MutexGet(&mutex, LX_NO_WAIT), _lx_MutexPut(&mutex), _lx_MutexPrioritize(&mutex),
+                      _lx_MutexDelete(&mutex)}) EXPECT_EQ(s, LX_MUTEX_ERROR);
+  InfoOf(mutex, LX_MUTEX_ERROR);
+}
+
+TEST_F(MutexTest, RegistryRefusesBadCreationsAndHoldsFiftyMutexes) {
+  static LX_MUTEX many[51];
+  EXPECT_EQ(_lx_MutexCreate(nullptr, "x", 0), LX_MUTEX_ERROR);
+  EXPECT_EQ(_lx_MutexCreate(&many[50], "x", 2), LX_INHERIT_ERROR);
+  EXPECT_EQ(_lx_MutexGet(&many[50], LX_NO_WAIT), LX_MUTEX_ERROR);
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(_lx_MutexCreate(&many[i], "ABCDEFGHIJKLMNOPQRSTUVWXY", 0), LX_SUCCESS) << i;
+  EXPECT_STREQ(InfoOf(many[0]).name, "ABCDEFGHIJKLMNOPQRS");
+  EXPECT_EQ(_lx_MutexCreate(&many[50], "full", 0), LX_MUTEX_ERROR);
+  EXPECT_EQ(many[50], nullptr);
+  EXPECT_EQ(_lx_MutexGet(&many[50], LX_NO_WAIT), LX_MUTEX_ERROR);
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(_lx_MutexGet(&many[i], LX_NO_WAIT), LX_SUCCESS) << i;
+  ASSERT_EQ(_lx_MutexDelete(&many[7]), LX_SUCCESS);
+  ASSERT_EQ(_lx_MutexCreate(&many[50], "reused", 0), LX_SUCCESS);
+  EXPECT_EQ(_lx_MutexGet(&many[50], LX_NO_WAIT), LX_SUCCESS);
+  EXPECT_EQ(_lx_MutexPut(&many[49]), LX_SUCCESS);  // moved into the freed slot, still found
+  EXPECT_EQ(_lx_MutexGet(&many[7], LX_NO_WAIT), LX_MUTEX_ERROR);
+}
+
+TEST_F(MutexTest, TimerThreadAndOutsideThreadsAreRefusedWhatCouldMakeThemWait) {
+  LX_MUTEX& mutex = NewMutex(0, false);
+  std::thread([&] {
+    for (LX_STATUS s : {_lx_MutexGet(&mutex, LX_NO_WAIT), _lx_MutexPut(&mutex), _lx_MutexPrioritize(&mutex),
+                        _lx_MutexDelete(&mutex)}) EXPECT_EQ(s, LX_MUTEX_ERROR);
+  }).join();
+  static LX_MUTEX fromTimer = nullptr;
+  std::vector<LX_STATUS> statuses;
+  Timer().Run([&] {
+    statuses = {_lx_MutexGet(&mutex, LX_NO_WAIT), _lx_MutexPut(&mutex), _lx_MutexDelete(&mutex),
+                _lx_MutexCreate(&fromTimer, "timer", 0), _lx_MutexPrioritize(&mutex)};
+  });
+  EXPECT_EQ(statuses, (std::vector<LX_STATUS>{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0}));
+  EXPECT_EQ(_lx_MutexGet(&fromTimer, LX_NO_WAIT), LX_SUCCESS);
+  EXPECT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_SUCCESS);  // left free and registered
+  EXPECT_EQ(Issue(0x54, &mutex), LX_NOT_AVAILABLE);  // an operation the class does not know
+}
+
+TEST_F(MutexTest, InfoGetRefusesEveryMissingOutput) {
+  LX_MUTEX& mutex = NewMutex(0, false);
+  Info i;
+  for (int missing = 0; missing < 6; ++missing) {
+    const auto out = [&](int k, auto* p) { return k == missing ? nullptr : p; };
+    EXPECT_EQ(_lx_MutexInfoGet(&mutex, out(0, &i.name), out(1, &i.count), out(2, &i.owner), out(3, &i.first),
+                               out(4, &i.suspended), out(5, &i.next)), LX_PTR_ERROR) << "output " << missing;
+  }
+}
+
+}  // namespace
+}  // namespace quorvin::test
