@@ -129,13 +129,14 @@ LX_STATUS _lx_MutexPrioritize(LX_MUTEX* psMutex) {
 }
 
 LX_STATUS _lx_MutexInfoGet(LX_MUTEX* psMutex, char** ppcName, uint32_t* pu32Count, LX_THREAD** ppsOwner,
-                           SuspendNode** ppsFirstSuspended, uint32_t* pu32SuspendedCount, LX_MUTEX**) {
+                           SuspendNode** ppsFirstSuspended, uint32_t* pu32SuspendedCount,
+                           LX_MUTEX** ppsNextMutex) {
   if (!Mutexes().Contains(psMutex)) return LX_MUTEX_ERROR;
   MutexControlBlock* mutex = MutexOf(psMutex);
   if (mutex == nullptr) return LX_MUTEX_ERROR;
   if (ppcName == nullptr || pu32Count == nullptr || ppsOwner == nullptr || ppsFirstSuspended == nullptr ||
-      pu32SuspendedCount == nullptr) {
-    return LX_PTR_ERROR;
+      pu32SuspendedCount == nullptr || ppsNextMutex == nullptr) {
+    return LX_PTR_ERROR;  // the next-mutex output is checked, never written
   }
   // A consistent snapshot: the dispatcher changes these under the same lock.
   std::lock_guard lock(CmLock());
