@@ -81,7 +81,7 @@ static void StartupCheck(uint32_t input) {
 /* Suspends the worker on one expiry and resumes it on the next. */
 static void ToggleWorker(uint32_t input) {
   (void)input;
-  if (s_worker->u16State == LX_STATE_SUSPENDED) {
+  if (__atomic_load_n(&s_worker->u16State, __ATOMIC_RELAXED) == LX_STATE_SUSPENDED) {
     _lx_ThreadResume(&s_worker);
   } else if (_lx_ThreadSuspend(&s_worker) == LX_SUCCESS) {
     atomic_fetch_add(&s_suspends, 1);
