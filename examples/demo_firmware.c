@@ -199,7 +199,7 @@ static void* Supervisor(uint64_t input) {
     const int busy = pause == &hold && _lx_MutexGet(&s_busy, LX_WAIT_FOREVER) == LX_SUCCESS;
     const int taken = sigtimedwait(&terminate, NULL, pause);
     if (busy) _lx_MutexPut(&s_busy);
-    if (taken == SIGTERM && g_zloop_exit_id == 1) {
+    if (taken == SIGTERM && __atomic_load_n(&g_zloop_exit_id, __ATOMIC_ACQUIRE) == 1) {
       PrintSummary("SIGQUIT");
       return NULL; /* the signal handler exits the process */
     }
