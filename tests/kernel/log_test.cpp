@@ -55,7 +55,8 @@ TEST_F(LogTest, DispatcherWritesItsLineWithItsKernelThreadId) {
     return !tid.empty();
   }));
   EXPECT_NE(tid, std::to_string(::getpid()));
-  EXPECT_EQ(Contents("/proc/self/task/" + tid + "/comm"), "CMRH\n");  // a thread of ours, named CMRH
+  // A thread of ours that names itself CMRH (right after writing its line).
+  EXPECT_TRUE(WaitUntil([&] { return Contents("/proc/self/task/" + tid + "/comm") == "CMRH\n"; }));
 }
 
 }  // namespace
