@@ -32,6 +32,8 @@ void WriteAll(int fd, const char* data, std::size_t length) noexcept {
   }
 }
 
+bool PlatformLogPresent() noexcept { return dlog_printf != nullptr; }
+
 void DiagLogFallback(const char* format, ...) noexcept {
   char line[1024];
   va_list args;

@@ -22,11 +22,14 @@ std::size_t BoundedCopy(char* destination, const char* source, std::size_t size)
 // One line on standard error, whether or not the text ends with a line end.
 void DiagLogFallback(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
+// Whether the platform's logging library is linked (dlog_printf resolved).
+bool PlatformLogPresent() noexcept;
+
 // Diagnostic line: the platform's dlog_printf receives the format and the
 // arguments unchanged; without it the fallback writes them to standard error.
 template <typename... Args>
 void DiagLog(int level, int flag, const char* format, Args... args) noexcept {
-  if (dlog_printf != nullptr) {
+  if (PlatformLogPresent()) {
     dlog_printf(level, flag, format, args...);
   } else {
     DiagLogFallback(format, args...);
