@@ -1,13 +1,11 @@
-// Runs a function in a forked child process, for code that never returns (the
-// kernel entry) or ends the process (the signal handler), capturing the
-// child's standard output and error, with a watchdog. Fork only while the
-// process has one thread. The child reports through SharedWithChild memory:
-// assertions made in the child are lost.
+// Runs a function in a forked child (for code that never returns or ends the
+// process), capturing its standard output and error, with a watchdog. Fork only
+// while the process has one thread. Assertions made in the child are lost: it
+// reports through SharedWithChild memory.
 #pragma once
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,11 +34,6 @@ T& SharedWithChild() {  // zero-initialised
   return *new (memory) T{};
 }
 
-inline void NoCoreDump() {
-  const rlimit none{0, 0};
-  ::setrlimit(RLIMIT_CORE, &none);
-}
-
 class Child {
  public:
   explicit Child(const std::function<void()>& body) {
@@ -62,7 +55,6 @@ class Child {
     ::close(err_);
   }
   pid_t Pid() const { return pid_; }
-
   // False if the child has not ended within the limit (it is killed then).
   bool Wait(std::chrono::milliseconds limit = std::chrono::milliseconds(30000)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -70,8 +62,7 @@ class Child {
       if (std::chrono::steady_clock::now() > deadline) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    reaped_ = true;
-    return true;
+    return reaped_ = true;
   }
   bool ExitedWith(int code) const { return WIFEXITED(status_) && WEXITSTATUS(status_) == code; }
   int Signal() const { return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0; }

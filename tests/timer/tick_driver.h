@@ -1,5 +1,5 @@
 // Drives the real timer thread "TimerISR" by hand, one counted tick at a time,
-// exactly as the tick thread does (count up, one byte into the timer pipe).
+// as the tick thread does (count up, one byte into the timer pipe).
 #pragma once
 
 #include <sys/ioctl.h>
@@ -27,17 +27,15 @@ inline void SignalTicks(int n) {
   }
 }
 
-// Waits until every tick signalled so far has been worked off: a byte without a
-// tick is read only once the walk of the last tick has ended. Passing the timer
-// lock afterwards (a scratch timer, appended and removed, or refused by a full
-// table) orders everything the walks wrote before what the caller reads next.
+// Waits until every tick signalled so far has been worked off (a byte without a
+// tick is read only after the last walk), then passes the timer lock (a scratch
+// timer, created and deleted or refused by a full table) so that all the walks
+// wrote is ordered before what the caller reads next.
 inline bool TicksDone() {
   CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
   const bool done = WaitUntil([] { return PipeBacklog() == 0; });
   static LX_TIMER scratch = nullptr;
-  if (_lx_TimerCreate(&scratch, nullptr, [](uint32_t) {}, 0, 1, 0, 0) == LX_SUCCESS) {
-    _lx_TimerDelete(&scratch);
-  }
+  if (_lx_TimerCreate(&scratch, nullptr, [](uint32_t) {}, 0, 1, 0, 0) == LX_SUCCESS) _lx_TimerDelete(&scratch);
   return done;
 }
 
