@@ -130,6 +130,21 @@ ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept;
 // cancelled thread unwinds through it.
 bool MoveOneByte(int fd, bool write);
 
+// Fills the calling thread's own request block (caller: its handle, a thread
+// of the pool) and issues it; returns the completion status. Every interface
+// service that goes through the dispatcher ends here.
+inline uint16_t IssueOwnRequest(LX_THREAD* caller, uint16_t service, void* object, uint32_t waitOption,
+                                LX_THREAD* target = nullptr) {
+  CmServiceRequest& request = (*caller)->sRequest;
+  StoreService(request, service);
+  request.psTarget = target;
+  request.psThread = caller;
+  request.pvObject = object;
+  StoreWaitOption(request, waitOption);
+  CM_Request(&request);
+  return request.u16Status;
+}
+
 // The two halves of CM_Request after its timer-thread rule. EnqueueLocked
 // (S_sCmLock held) makes the reply pipe and appends the request, waking the
 // dispatcher if it is idle; when no pipe can be made it completes the request

@@ -51,15 +51,8 @@ LX_STATUS CheckHandle(LX_MUTEX* handle, LX_THREAD*& caller) noexcept {
   return LX_SUCCESS;
 }
 
-// Builds the request in the caller's own block and waits for its answer.
 LX_STATUS Submit(LX_THREAD* caller, LX_MUTEX* handle, uint16_t service, uint32_t waitOption) {
-  CmServiceRequest& request = (*caller)->sRequest;
-  StoreService(request, service);
-  request.psThread = caller;
-  request.pvObject = handle;
-  StoreWaitOption(request, waitOption);
-  CM_Request(&request);
-  return request.u16Status;
+  return IssueOwnRequest(caller, service, handle, waitOption);
 }
 
 // A caller that is not a thread of the system has no request block.

@@ -26,15 +26,8 @@ constexpr time_t kDeleteJoinSeconds = 1;
 
 LX_STATUS Submit(LX_THREAD* target, uint16_t service) {
   LX_THREAD* caller = _lx_ThreadIdentify();
-  ThreadControlBlock* self = TcbOf(caller);
-  if (self == nullptr) return LX_THREAD_ERROR;
-  CmServiceRequest& request = self->sRequest;
-  StoreService(request, service);
-  request.psTarget = target;
-  request.psThread = caller;
-  StoreWaitOption(request, LX_NO_WAIT);
-  CM_Request(&request);
-  return request.u16Status;
+  if (TcbOf(caller) == nullptr) return LX_THREAD_ERROR;
+  return IssueOwnRequest(caller, service, nullptr, LX_NO_WAIT, target);
 }
 
 }  // namespace
