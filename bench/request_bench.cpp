@@ -431,13 +431,13 @@ class LoadMeter {
 // ------------------------------------------------------- phase 1: latency
 
 struct LatencyResult {
-  Summary request, floor, pipe;
+  Summary request, floor, pipe, mutexPair;
   int threadsPinned = 0;
   int rounds = 0, block = 0;
   Load load;  // of the pinned CPU, over the measured rounds
 };
 
-enum Variant { kRequest = 0, kFloor = 1, kPipe = 2, kVariants = 3 };
+enum Variant { kRequest = 0, kFloor = 1, kPipe = 2, kMutexPair = 3, kVariants = 4 };
 
 LatencyResult RunLatency(const Options& o) {
   cpu_set_t set;
@@ -453,11 +453,19 @@ LatencyResult RunLatency(const Options& o) {
 
   CmServiceRequest request{};
   FloorServer::Request floorRequest;
+  // An uncontended mutex: a get with no wait and a put, two dispatcher
+  // requests from this thread (the pool's "Scheduler" entry).
+  static LX_MUTEX mutex;
+  if (_lx_MutexCreate(&mutex, "bench", LX_NO_INHERIT) != LX_SUCCESS) Die("_lx_MutexCreate");
 
   auto one = [&](int variant) {
     switch (variant) {
       case kRequest: LibraryRoundTrip(request); break;
       case kFloor: floor.RoundTrip(floorRequest); break;
+      case kMutexPair:
+        _lx_MutexGet(&mutex, LX_NO_WAIT);
+        _lx_MutexPut(&mutex);
+        break;
       default: pipe.RoundTrip(); break;
     }
   };
@@ -494,6 +502,7 @@ LatencyResult RunLatency(const Options& o) {
   r.request = Summarise(std::move(samples[kRequest]));
   r.floor = Summarise(std::move(samples[kFloor]));
   r.pipe = Summarise(std::move(samples[kPipe]));
+  r.mutexPair = Summarise(std::move(samples[kMutexPair]));
   r.rounds = o.rounds;
   r.block = o.block;
   return r;
@@ -696,6 +705,9 @@ int main(int argc, char** argv) {
           Fmt("%.0f ns", lat.floor.p90), Fmt("%.3f", lat.request.p90 / lat.floor.p90), "-", "(info)");
       Row("CM_Request round trip, median", Fmt("%.0f ns", lat.request.median), "bare pipe, median",
           Fmt("%.0f ns", lat.pipe.median), Fmt("%.3f", lat.request.median / lat.pipe.median), "-", "(info)");
+      const double pairRatio = lat.mutexPair.median / lat.floor.median;
+      Row("mutex get+put pair, median", Fmt("%.0f ns", lat.mutexPair.median), "design floor, median",
+          Fmt("%.0f ns", lat.floor.median), Fmt("%.3f", pairRatio), "<= 2.05", pairRatio <= 2.05 ? "PASS" : "FAIL");
       Row("design floor round trip, median", Fmt("%.0f ns", lat.floor.median), "bare pipe, median",
           Fmt("%.0f ns", lat.pipe.median), Fmt("%.3f", lat.floor.median / lat.pipe.median), "-", "(info)");
     }
