@@ -13,6 +13,7 @@
 
 #include "quorvin/lx_cm.h"
 #include "quorvin/lx_thread.h"
+#include "quorvin/lx_timer.h"
 
 namespace quorvin::detail {
 
@@ -92,6 +93,9 @@ inline ThreadControlBlock* TcbOf(LX_THREAD* handle) noexcept {
   if (handle == nullptr) return nullptr;
   return std::atomic_ref<ThreadControlBlock*>(*handle).load(std::memory_order_acquire);
 }
+
+// Whether the calling thread is the timer thread.
+inline bool CallerIsTimerThread() noexcept { return _lx_ThreadIdentify() == G_psTimer; }
 
 // Sets the state of the thread a handle names, if there is one.
 inline void SetThreadState(LX_THREAD* handle, uint16_t state) noexcept {

@@ -51,9 +51,6 @@ LX_STATUS CheckHandle(LX_MUTEX* handle, LX_THREAD*& caller) noexcept {
   return LX_SUCCESS;
 }
 
-LX_STATUS Submit(LX_THREAD* caller, LX_MUTEX* handle, uint16_t service, uint32_t waitOption) {
-  return IssueOwnRequest(caller, service, handle, waitOption);
-}
 
 // A caller that is not a thread of the system has no request block.
 bool Registered(LX_THREAD* caller) noexcept { return TcbOf(caller) != nullptr; }
@@ -94,21 +91,21 @@ LX_STATUS _lx_MutexGet(LX_MUTEX* psMutex, uint32_t u32WaitOption) {
   LX_THREAD* caller = nullptr;
   if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
   if (!Registered(caller)) return LX_MUTEX_ERROR;
-  return Submit(caller, psMutex, CM_MUTEX_GET, u32WaitOption);
+  return IssueOwnRequest(caller, CM_MUTEX_GET, psMutex, u32WaitOption);
 }
 
 LX_STATUS _lx_MutexPut(LX_MUTEX* psMutex) {
   LX_THREAD* caller = nullptr;
   if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
   if (!Registered(caller)) return LX_MUTEX_ERROR;
-  return Submit(caller, psMutex, CM_MUTEX_PUT, LX_NO_WAIT);
+  return IssueOwnRequest(caller, CM_MUTEX_PUT, psMutex, LX_NO_WAIT);
 }
 
 LX_STATUS _lx_MutexDelete(LX_MUTEX* psMutex) {
   LX_THREAD* caller = nullptr;
   if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
   if (!Registered(caller)) return LX_MUTEX_ERROR;
-  const LX_STATUS status = Submit(caller, psMutex, CM_MUTEX_DELETE, LX_NO_WAIT);
+  const LX_STATUS status = IssueOwnRequest(caller, CM_MUTEX_DELETE, psMutex, LX_NO_WAIT);
   Mutexes().Remove(psMutex);
   std::atomic_ref<MutexControlBlock*>(*psMutex).store(nullptr, std::memory_order_release);
   return status;
@@ -118,7 +115,7 @@ LX_STATUS _lx_MutexPrioritize(LX_MUTEX* psMutex) {
   if (!Mutexes().Contains(psMutex)) return LX_MUTEX_ERROR;
   LX_THREAD* caller = _lx_ThreadIdentify();
   if (!Registered(caller)) return LX_MUTEX_ERROR;
-  return Submit(caller, psMutex, CM_MUTEX_PRIORITIZE, LX_NO_WAIT);
+  return IssueOwnRequest(caller, CM_MUTEX_PRIORITIZE, psMutex, LX_NO_WAIT);
 }
 
 LX_STATUS _lx_MutexInfoGet(LX_MUTEX* psMutex, char** ppcName, uint32_t* pu32Count, LX_THREAD** ppsOwner,

@@ -31,8 +31,6 @@ constexpr uint16_t PriorityOf(int staticPriority) noexcept {
 }
 static_assert(StaticPriority(0) == 64 && StaticPriority(31) == 2 && PriorityOf(0) == 32);
 
-bool CallerIsTimerThread() noexcept { return _lx_ThreadIdentify() == G_psTimer; }
-
 // Adds the increment to another thread's nice value, clamped at 19 as nice
 // does. False when the kernel refuses.
 bool AddNiceTo(pid_t tid, int increment) noexcept {

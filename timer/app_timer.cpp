@@ -30,8 +30,6 @@ PosixMutex& TimerLock() noexcept {
   return lock;
 }
 
-bool CallerIsTimerThread() noexcept { return _lx_ThreadIdentify() == G_psTimer; }
-
 // Index of the last occurrence of the block in the table, or -1. Timer lock held.
 int32_t FindLocked(const TimerControlBlock* timer) noexcept {
   for (int32_t i = S_i32TimerCount - 1; i >= 0; --i) {
