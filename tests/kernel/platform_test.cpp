@@ -1,6 +1,7 @@
 // The platform layer when the platform brings no logging library.
 #include <gtest/gtest.h>
 
+#include "kernel/deadline.h"
 #include "kernel/platform.h"
 
 namespace quorvin::detail {
@@ -27,3 +28,29 @@ TEST(PlatformTest, WithoutThePlatformLogEachDiagnosticIsOneLineOnStandardError) 
 
 }  // namespace
 }  // namespace quorvin::detail
+
+TEST(PlatformTest, TickDeadlinesCarryOnceIntoTheSeconds) {
+  using quorvin::detail::DeadlineAfter;
+  auto at = [](time_t s, long ns) { return timespec{s, ns}; };
+  auto same = [](timespec a, timespec b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; };
+  EXPECT_TRUE(same(DeadlineAfter(at(100, 600'000'000), 50), at(101, 100'000'000)));
+  EXPECT_TRUE(same(DeadlineAfter(at(100, 0), 250), at(102, 500'000'000)));
+  EXPECT_TRUE(same(DeadlineAfter(at(100, 999'999'999), 99), at(101, 989'999'999)));
+  EXPECT_TRUE(same(DeadlineAfter(at(100, 5), 100), at(101, 5)));
+  EXPECT_TRUE(same(DeadlineAfter(at(100, 5), 0xFFFFFFFEu), at(100 + 42949672, 940'000'005)));
+}
+
+TEST(PlatformTest, InterruptedWaitsAreRepeatedOtherFailuresReported) {
+  int calls = 0;
+  EXPECT_EQ(quorvin::detail::RetryInterrupted([&] {
+              errno = EINTR;
+              return ++calls < 3 ? -1 : 0;
+            }),
+            0);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(quorvin::detail::RetryInterrupted([] {
+              errno = ETIMEDOUT;
+              return -1;
+            }),
+            ETIMEDOUT);
+}
