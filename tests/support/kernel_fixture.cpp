@@ -225,6 +225,43 @@ void TestClassWakeUp(CmServiceRequest* driver) {
 
 }  // namespace
 
+StandInTimer& Timer() {
+  static StandInTimer* const timer = new StandInTimer;
+  return *timer;
+}
+
+size_t SleepAgentEntries() {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  size_t n = 0;
+  for (auto* r = quorvin::detail::S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
+  return n;
+}
+
+Waiters::Waiter& Waiters::Start(std::function<uint32_t()> call, std::function<bool()> parked, uint16_t priority,
+                                const char* name) {
+  Waiter& waiter = waiters_.emplace_back();
+  EXPECT_EQ(Spawn(&waiter.handle, name, [&waiter, call = std::move(call)] { waiter.status = call(); }, priority),
+            LX_SUCCESS);
+  if (parked) {
+    EXPECT_TRUE(WaitUntil(parked)) << name << " never began to wait";
+  }
+  return waiter;
+}
+
+uint32_t Waiters::StatusOf(const Waiter& waiter, std::chrono::milliseconds limit) {
+  WaitUntil([&] { return waiter.Done(); }, limit);
+  return waiter.status.load();
+}
+
+void Waiters::JoinAll() {
+  for (Waiter& waiter : waiters_) {
+    if (waiter.handle != nullptr) {
+      EXPECT_TRUE(Join(waiter.handle)) << "a waiter never ended";
+    }
+  }
+  waiters_.clear();
+}
+
 void InstallTestClass() {
   quorvin::detail::ReplaceClassEntry(quorvin::detail::ClassIndex(kTestClass),
                                      {&TestClassFunction, &TestClassWakeUp});

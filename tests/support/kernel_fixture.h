@@ -1,7 +1,9 @@
 // Helpers for tests that run the kernel core inside their own process.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -67,6 +69,44 @@ class StandInTimer {
   int commands_[2];
   int done_[2];
   std::function<void()> work_;
+};
+
+// The process's stand-in timer thread, made on first use and never destroyed
+// (its thread lives on with the process).
+StandInTimer& Timer();
+
+// Finite waits registered with the sleep agent now.
+size_t SleepAgentEntries();
+
+// Kernel threads that each run one blocking call and keep its status; every
+// object class's tests start their waiters through it.
+class Waiters {
+ public:
+  struct Waiter {
+    LX_THREAD handle = nullptr;
+    std::atomic<uint32_t> status{kPending};
+    bool Done() const { return status.load() != kPending; }
+  };
+  static constexpr uint32_t kPending = 0xFFFFFFFFu;
+
+  Waiters() = default;
+  Waiters(const Waiters&) = delete;
+  Waiters& operator=(const Waiters&) = delete;
+  ~Waiters() { JoinAll(); }
+
+  // Starts a thread that runs call and keeps its result. When parked is
+  // given, returns only once parked() holds (the thread has begun to wait).
+  Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
+                const char* name = "waiter");
+  // The waiter's status once its call has returned (kPending if it never does
+  // within the limit).
+  static uint32_t StatusOf(const Waiter& waiter,
+                           std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
+  // Joins every thread started; a thread that does not end is a failure.
+  void JoinAll();
+
+ private:
+  std::deque<Waiter> waiters_;
 };
 
 // A test-only object class on the otherwise unused class 0x40, built from the

@@ -23,12 +23,9 @@ struct Info {
 
 class MutexTest : public KernelTest {
  protected:
-  struct Waiter {
-    LX_THREAD handle = nullptr;
-    std::atomic<uint32_t> status{0xFFFF};
-  };
+  using Waiter = Waiters::Waiter;
   void TearDown() override {
-    for (Waiter& waiter : waiters_) EXPECT_TRUE(Join(waiter.handle));
+    waiters_.JoinAll();
     for (LX_MUTEX& mutex : mutexes_) EXPECT_TRUE(mutex == nullptr || _lx_MutexDelete(&mutex) == LX_SUCCESS);
   }
   LX_MUTEX& NewMutex(uint16_t inherit, bool own = true) {
@@ -39,30 +36,22 @@ class MutexTest : public KernelTest {
   }
   // A thread that asks for the mutex (after taking it once itself, if ownerFirst); returns once it is parked.
   Waiter& Wait(LX_MUTEX& mutex, uint16_t priority = 32, uint32_t wait = LX_WAIT_FOREVER, bool ownerFirst = false) {
-    Waiter& waiter = waiters_.emplace_back();
     const int32_t before = Waiting(mutex);
-    EXPECT_EQ(Spawn(&waiter.handle, "waiter", [&waiter, &mutex, wait, ownerFirst] {
-                if (ownerFirst) _lx_MutexGet(&mutex, LX_NO_WAIT);
-                waiter.status = _lx_MutexGet(&mutex, wait);
-              }, priority), LX_SUCCESS);
-    EXPECT_TRUE(WaitUntil([&] { return Waiting(mutex) == before + 1; }));
+    Waiter& waiter = waiters_.Start(
+        [&mutex, wait, ownerFirst] {
+          if (ownerFirst) _lx_MutexGet(&mutex, LX_NO_WAIT);
+          return _lx_MutexGet(&mutex, wait);
+        },
+        [&mutex, before] { return Waiting(mutex) == before + 1; }, priority);
     EXPECT_EQ(StateOf(waiter.handle), LX_STATE_MUTEX_WAIT);
     return waiter;
   }
-  static uint32_t StatusOf(Waiter& waiter) {  // once its get has returned
-    WaitUntil([&] { return waiter.status != 0xFFFF; });
-    return waiter.status;
-  }
+  static uint32_t StatusOf(const Waiter& waiter) { return Waiters::StatusOf(waiter); }
   static int32_t Waiting(LX_MUTEX mutex) {
     std::lock_guard lock(CmLock());
     return mutex->sSuspendCtrl.i32SuspendCount;
   }
-  static size_t Registered() {
-    std::lock_guard lock(CmLock());
-    size_t n = 0;
-    for (auto* r = S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
-    return n;
-  }
+  static size_t Registered() { return SleepAgentEntries(); }
   static Info InfoOf(LX_MUTEX& mutex, LX_STATUS expected = LX_SUCCESS) {
     Info i;
     EXPECT_EQ(_lx_MutexInfoGet(&mutex, &i.name, &i.count, &i.owner, &i.first, &i.suspended, &i.next), expected);
@@ -73,12 +62,8 @@ class MutexTest : public KernelTest {
     const SuspendNode* first = InfoOf(mutex).first;
     return first != nullptr ? first->psOwner : nullptr;
   }
-  static StandInTimer& Timer() {  // never destroyed: its thread lives on
-    static StandInTimer* const timer = new StandInTimer;
-    return *timer;
-  }
 
-  std::deque<Waiter> waiters_;
+  Waiters waiters_;
   std::deque<LX_MUTEX> mutexes_;
 };
 
