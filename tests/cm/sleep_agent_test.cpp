@@ -14,43 +14,25 @@ using quorvin::detail::CmLock;
 
 class SleepAgentTest : public KernelTest {
  protected:
-  struct Waiter {
-    LX_THREAD handle = nullptr;
-    uint16_t status = 0xFFFF;
-    std::atomic<bool> done = false;  // set after status
-    uint32_t Ticks() { return Peek(handle->sRequest.u32WaitOption); }
-  };
+  using Waiter = Waiters::Waiter;
+  static uint32_t Ticks(const Waiter& waiter) { return Peek(waiter.handle->sRequest.u32WaitOption); }
 
   void SetUp() override {
     KernelTest::SetUp();
-    if (!IsSkipped()) timer_ = new StandInTimer();  // lives as long as the process
-  }
-  void TearDown() override {
-    for (Waiter& waiter : waiters_) EXPECT_TRUE(!waiter.handle || Join(waiter.handle));
+    if (!IsSkipped()) timer_ = &Timer();
   }
 
   // Starts a thread taking from the object with the given wait (or running
   // body instead) and returns once it waits in the given state.
-  Waiter& Park(uint32_t wait, uint16_t state = LX_STATE_SEMAPHORE_WAIT, std::function<uint16_t()> body = {}) {
-    Waiter& waiter = waiters_.emplace_back();
+  Waiter& Park(uint32_t wait, uint16_t state = LX_STATE_SEMAPHORE_WAIT, std::function<uint32_t()> body = {}) {
     const size_t before = Registered();
     if (!body) body = [this, wait] { return Issue(kTestTake, &handle_, wait); };
-    EXPECT_EQ(Spawn(&waiter.handle, "waiter", [&waiter, body] {
-                waiter.status = body();
-                waiter.done = true;
-              }),
-              LX_SUCCESS);
+    Waiter& waiter = waiters_.Start(body);
     EXPECT_TRUE(WaitUntil([&] { return Registered() == before + 1 || wait == LX_WAIT_FOREVER; }));
     EXPECT_TRUE(WaitUntil([&] { return StateOf(waiter.handle) == state; }));
     return waiter;
   }
-
-  size_t Registered() {
-    std::lock_guard lock(CmLock());
-    size_t n = 0;
-    for (auto* r = quorvin::detail::S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
-    return n;
-  }
+  static size_t Registered() { return SleepAgentEntries(); }
   int32_t Count() {
     std::lock_guard lock(CmLock());
     return object_.sSuspendCtrl.i32SuspendCount;
@@ -66,7 +48,7 @@ class SleepAgentTest : public KernelTest {
     for (int pass = 1; pass <= limit; ++pass) {
       timer_->RunPasses(1);
       if (TimedOut(waiter)) {
-        EXPECT_TRUE(WaitUntil([&] { return waiter.done.load(); }));
+        EXPECT_TRUE(WaitUntil([&] { return waiter.Done(); }));
         return pass;
       }
     }
@@ -76,25 +58,25 @@ class SleepAgentTest : public KernelTest {
   StandInTimer* timer_ = nullptr;
   TestObject object_;
   TestObject* handle_ = &object_;
-  std::deque<Waiter> waiters_;
+  Waiters waiters_;
 };
 
 TEST_F(SleepAgentTest, WaitsOfNTicksExpireOnPassNPlusOneAndEqualOnesInRegistrationOrder) {
   Waiter &a = Park(2), &b = Park(2), &c = Park(5);
   timer_->RunPasses(2);
   EXPECT_FALSE(TimedOut(a));
-  EXPECT_EQ(a.Ticks(), 0u);
+  EXPECT_EQ(Ticks(a), 0u);
   timer_->RunPasses(1);
-  ASSERT_TRUE(WaitUntil([&] { return a.done && b.done; }));
+  ASSERT_TRUE(WaitUntil([&] { return a.Done() && b.Done(); }));
   {
     std::lock_guard lock(CmLock());
     EXPECT_EQ(RecordedValues(), (std::vector<uint64_t>{reinterpret_cast<uint64_t>(&a.handle),
                                                        reinterpret_cast<uint64_t>(&b.handle)}));
   }
-  EXPECT_EQ(a.status, kTestTimeoutStatus);
+  EXPECT_EQ(a.status.load(), kTestTimeoutStatus);
   EXPECT_EQ(StateOf(a.handle), LX_STATE_READY);
   EXPECT_EQ(Count(), 1);
-  EXPECT_EQ(c.Ticks(), 2u);  // counted on every pass, expiries included
+  EXPECT_EQ(Ticks(c), 2u);  // counted on every pass, expiries included
   EXPECT_EQ(PassesUntilReleased(c, 10), 3);
   EXPECT_EQ(Registered(), 0u);
   EXPECT_EQ(Count(), 0);
@@ -105,18 +87,18 @@ TEST_F(SleepAgentTest, ReleasedAndForeverWaitsAreNeverExpired) {
   Waiter& released = Park(3);
   timer_->RunPasses(1);
   Issue(kTestGive, &handle_);
-  ASSERT_TRUE(WaitUntil([&] { return released.done.load(); }));
-  EXPECT_EQ(released.status, LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return released.Done(); }));
+  EXPECT_EQ(released.status.load(), LX_SUCCESS);
   EXPECT_EQ(Registered(), 0u);
   Waiter& forever = Park(LX_WAIT_FOREVER);
   EXPECT_EQ(Registered(), 0u);
   timer_->RunPasses(6);
   EXPECT_FALSE(TimedOut(released));
   EXPECT_FALSE(TimedOut(forever));
-  EXPECT_EQ(forever.Ticks(), LX_WAIT_FOREVER);
+  EXPECT_EQ(Ticks(forever), LX_WAIT_FOREVER);
   Issue(kTestGive, &handle_);
-  ASSERT_TRUE(WaitUntil([&] { return forever.done.load(); }));
-  EXPECT_EQ(forever.status, LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return forever.Done(); }));
+  EXPECT_EQ(forever.status.load(), LX_SUCCESS);
 }
 
 TEST_F(SleepAgentTest, MovedWaitersKeepTheirRemainingTicks) {
@@ -124,14 +106,14 @@ TEST_F(SleepAgentTest, MovedWaitersKeepTheirRemainingTicks) {
   timer_->RunPasses(2);
   for (Waiter* moved : {&b, &c})
     Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, &moved->handle->sRequest.sSuspendNode);
-  EXPECT_EQ(b.Ticks(), 2u);
-  EXPECT_EQ(c.Ticks(), 0u);  // none left, but its expiry is still to come
+  EXPECT_EQ(Ticks(b), 2u);
+  EXPECT_EQ(Ticks(c), 0u);  // none left, but its expiry is still to come
   EXPECT_EQ(StateOf(c.handle), LX_STATE_SEMAPHORE_WAIT);
   EXPECT_EQ(Registered(), 3u);
   EXPECT_EQ(PassesUntilReleased(c, 10), 1);
   EXPECT_EQ(PassesUntilReleased(b, 10), 2);
   EXPECT_EQ(PassesUntilReleased(a, 10), 2);
-  EXPECT_EQ(b.status, kTestTimeoutStatus);
+  EXPECT_EQ(b.status.load(), kTestTimeoutStatus);
 }
 
 TEST_F(SleepAgentTest, TimerThreadRequestsThatWouldWaitAreRefusedAndExpiriesGoOn) {
@@ -148,7 +130,7 @@ TEST_F(SleepAgentTest, TimerThreadRequestsThatWouldWaitAreRefusedAndExpiriesGoOn
   EXPECT_EQ(plain, LX_NOT_AVAILABLE);
   EXPECT_EQ(Count(), 1);
   EXPECT_EQ(PassesUntilReleased(waiter, 3), 2);
-  EXPECT_EQ(waiter.status, kTestTimeoutStatus);
+  EXPECT_EQ(waiter.status.load(), kTestTimeoutStatus);
 }
 
 TEST_F(SleepAgentTest, TimeOutOfAThreadWaitingOnTicksAloneReleasesItWithItsStatus) {
@@ -165,10 +147,10 @@ TEST_F(SleepAgentTest, TimeOutOfAThreadWaitingOnTicksAloneReleasesItWithItsStatu
     return Issue(0x88, nullptr, 2);
   });
   timer_->RunPasses(2);
-  EXPECT_FALSE(WaitUntil([&] { return sleeper.done.load(); }, std::chrono::milliseconds(50)));
+  EXPECT_FALSE(WaitUntil([&] { return sleeper.Done(); }, std::chrono::milliseconds(50)));
   timer_->RunPasses(1);
-  ASSERT_TRUE(WaitUntil([&] { return sleeper.done.load(); }));
-  EXPECT_EQ(sleeper.status, LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return sleeper.Done(); }));
+  EXPECT_EQ(sleeper.status.load(), LX_SUCCESS);
   EXPECT_EQ(StateOf(sleeper.handle), LX_STATE_READY);
   EXPECT_EQ(Registered(), 0u);
 }

@@ -21,47 +21,40 @@ auto Locked(F&& read) {
 
 class SuspendListTest : public KernelTest {
  protected:
-  struct Waiter {
-    LX_THREAD handle = nullptr;
-    uint16_t status = 0xFFFF;
-    CmServiceRequest* Request() { return &handle->sRequest; }
-    SuspendNode* Node() { return &handle->sRequest.sSuspendNode; }
-  };
-
-  void TearDown() override {
-    for (Waiter& waiter : waiters_) EXPECT_TRUE(!waiter.handle || Join(waiter.handle));
-  }
+  using Waiter = Waiters::Waiter;
+  static CmServiceRequest* Request(const Waiter& waiter) { return &waiter.handle->sRequest; }
+  static SuspendNode* Node(const Waiter& waiter) { return &waiter.handle->sRequest.sSuspendNode; }
 
   int32_t Count() { return Locked([&] { return object_.sSuspendCtrl.i32SuspendCount; }); }
 
-  // Starts a waiter taking from the object and returns once it is parked.
+  // Starts a waiter taking from the object and returns once it is parked; the
+  // order in which waiters return is kept.
   Waiter& Park(uint32_t wait = LX_WAIT_FOREVER, uint8_t flags = CM_SUSPEND_COUNT_UP) {
-    Waiter& waiter = waiters_.emplace_back();
     const int32_t before = Count();
-    EXPECT_EQ(Spawn(&waiter.handle, "waiter", [this, &waiter, wait, flags] {
-                const uint16_t status = Issue(kTestTake, &handle_, wait, 0, kTestFlagsGiven | flags);
-                std::lock_guard lock(mutex_);
-                waiter.status = status;
-                order_.push_back(&waiter);
-              }),
-              LX_SUCCESS);
-    EXPECT_TRUE(WaitUntil([&] { return Count() != before; }));
+    Waiter& waiter = waiters_.Start(
+        [this, wait, flags] {
+          const uint16_t status = Issue(kTestTake, &handle_, wait, 0, kTestFlagsGiven | flags);
+          std::lock_guard lock(mutex_);
+          order_.push_back(_lx_ThreadIdentify());
+          return status;
+        },
+        [&] { return Count() != before; });
     EXPECT_EQ(StateOf(waiter.handle), LX_STATE_SEMAPHORE_WAIT);
     return waiter;
   }
 
-  std::vector<Waiter*> Order() {  // released waiters, in release order
+  std::vector<LX_THREAD*> Order() {  // released waiters, in release order
     std::lock_guard lock(mutex_);
     return order_;
   }
-  bool Done(Waiter& waiter) { return std::ranges::count(Order(), &waiter) == 1; }
+  bool Done(Waiter& waiter) { return std::ranges::count(Order(), &waiter.handle) == 1 && waiter.Done(); }
   void AwaitDone(Waiter& waiter) { ASSERT_TRUE(WaitUntil([&] { return Done(waiter); })); }
 
   TestObject object_;
   TestObject* handle_ = &object_;
   std::mutex mutex_;
-  std::vector<Waiter*> order_;
-  std::deque<Waiter> waiters_;
+  std::vector<LX_THREAD*> order_;
+  Waiters waiters_;
 };
 
 TEST_F(SuspendListTest, GivesReleaseTheFrontInsertThenTheOthersInArrivalOrder) {
@@ -75,9 +68,9 @@ TEST_F(SuspendListTest, GivesReleaseTheFrontInsertThenTheOthersInArrivalOrder) {
     ASSERT_TRUE(WaitUntil([&] { return Order().size() == static_cast<size_t>(3 - left); }));
     EXPECT_EQ(Count(), left);
   }
-  EXPECT_EQ(Order(), (std::vector<Waiter*>{&front, &a, &b}));
-  for (Waiter* w : Order()) {
-    EXPECT_EQ(w->status, LX_SUCCESS);
+  EXPECT_EQ(Order(), (std::vector<LX_THREAD*>{&front.handle, &a.handle, &b.handle}));
+  for (Waiter* w : {&front, &a, &b}) {
+    EXPECT_EQ(Waiters::StatusOf(*w), LX_SUCCESS);
     EXPECT_EQ(StateOf(w->handle), LX_STATE_READY);
   }
 }
@@ -85,14 +78,14 @@ TEST_F(SuspendListTest, GivesReleaseTheFrontInsertThenTheOthersInArrivalOrder) {
 TEST_F(SuspendListTest, NegativeCountsMoveTowardZeroAndReleaseAllFreesEveryone) {
   Waiter &a = Park(LX_WAIT_FOREVER, 0), &b = Park(LX_WAIT_FOREVER, 0), &c = Park(LX_WAIT_FOREVER, 0);
   EXPECT_EQ(Count(), -3);
-  Issue(kTestRemove, &handle_, LX_NO_WAIT, LX_QUEUE_EMPTY, CM_REMOVE_WITH_STATUS, b.Node());
+  Issue(kTestRemove, &handle_, LX_NO_WAIT, LX_QUEUE_EMPTY, CM_REMOVE_WITH_STATUS, Node(b));
   AwaitDone(b);
-  EXPECT_EQ(b.status, LX_QUEUE_EMPTY);
+  EXPECT_EQ(b.status.load(), LX_QUEUE_EMPTY);
   Locked([&] {  // the middle node went; the others stay linked in order
     EXPECT_EQ(object_.sSuspendCtrl.i32SuspendCount, -2);
-    EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, a.Node());
-    EXPECT_EQ(a.Node()->psNext, c.Node());
-    EXPECT_EQ(c.Node()->psPrev, a.Node());
+    EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, Node(a));
+    EXPECT_EQ(Node(a)->psNext, Node(c));
+    EXPECT_EQ(Node(c)->psPrev, Node(a));
     --object_.sSuspendCtrl.i32SuspendCount;  // now overstates the list by one
   });
   ::testing::internal::CaptureStderr();
@@ -101,37 +94,37 @@ TEST_F(SuspendListTest, NegativeCountsMoveTowardZeroAndReleaseAllFreesEveryone) 
             "psSuspendCtrl->psFirstSuspend NULL in CM_WakeUpAllThreadInSuspendList");
   AwaitDone(a);
   AwaitDone(c);
-  EXPECT_EQ(a.status, LX_DELETED);
-  EXPECT_EQ(c.status, LX_DELETED);
+  EXPECT_EQ(a.status.load(), LX_DELETED);
+  EXPECT_EQ(c.status.load(), LX_DELETED);
   EXPECT_EQ(Count(), 0);
 }
 
 TEST_F(SuspendListTest, FiniteWaitsAreRegisteredOnceUntilReleased) {
   Waiter &forever = Park(), &a = Park(40), &b = Park(40);
-  EXPECT_EQ(Peek(forever.Request()->u64InSleepAgent), 0u);
+  EXPECT_EQ(Peek(Request(forever)->u64InSleepAgent), 0u);
   // Unlinking b and adding it at the front neither wakes nor registers it again.
-  Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, b.Node());
+  Issue(kTestMoveToFront, &handle_, LX_NO_WAIT, 0, 0, Node(b));
   EXPECT_EQ(Count(), 3);
   EXPECT_FALSE(Done(b));
-  EXPECT_EQ(Peek(b.Request()->u64InSleepAgent), 1u);
+  EXPECT_EQ(Peek(Request(b)->u64InSleepAgent), 1u);
   Locked([&] {
-    EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, b.Node());
-    EXPECT_EQ(S_psSleepTop, a.Request());
-    EXPECT_EQ(S_psSleepTop->psSleepNext, b.Request());
-    EXPECT_EQ(S_psSleepEnd, b.Request());
+    EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, Node(b));
+    EXPECT_EQ(S_psSleepTop, Request(a));
+    EXPECT_EQ(S_psSleepTop->psSleepNext, Request(b));
+    EXPECT_EQ(S_psSleepEnd, Request(b));
   });
-  Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_SUCCESS, b.Node());
+  Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_SUCCESS, Node(b));
   AwaitDone(b);
-  EXPECT_EQ(b.status, LX_SUCCESS);
-  EXPECT_EQ(Peek(b.Request()->u64InSleepAgent), 0u);
-  EXPECT_EQ(Locked([] { return S_psSleepEnd; }), a.Request());
+  EXPECT_EQ(b.status.load(), LX_SUCCESS);
+  EXPECT_EQ(Peek(Request(b)->u64InSleepAgent), 0u);
+  EXPECT_EQ(Locked([] { return S_psSleepEnd; }), Request(a));
   Issue(kTestGive, &handle_);
   AwaitDone(forever);
   EXPECT_FALSE(Done(a));
   // Aborting the only node left empties both ends and the sleep list.
-  Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_ABORTED, a.Node());
+  Issue(kTestRemove, &handle_, LX_NO_WAIT, 0, CM_REMOVE_ABORTED, Node(a));
   AwaitDone(a);
-  EXPECT_EQ(a.status, LX_WAIT_ABORTED);
+  EXPECT_EQ(a.status.load(), LX_WAIT_ABORTED);
   Locked([&] {
     EXPECT_EQ(object_.sSuspendCtrl.psFirstSuspend, nullptr);
     EXPECT_EQ(object_.sSuspendCtrl.psLastSuspend, nullptr);

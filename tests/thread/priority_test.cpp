@@ -30,9 +30,8 @@ TEST_F(PriorityTest, RefusalsComeInOrderChangeNothingAndOnlyPriority32IsAccepted
     EXPECT_EQ(_lx_ThreadPriorityChange(handle, value, output), priority) << value;
     EXPECT_EQ(_lx_ThreadPreemptionChange(handle, value, output), threshold) << value;
   }
-  static StandInTimer* const timer = new StandInTimer;  // never destroyed: its thread lives on
   std::vector<LX_STATUS> statuses;
-  timer->Run([&] {
+  Timer().Run([&] {
     statuses = {_lx_ThreadPriorityChange(G_psTimer, 32, &old), _lx_ThreadPreemptionChange(G_psTimer, 7, &old),
                 _lx_ThreadPreemptionChange(self, 7, &old)};
   });

@@ -75,16 +75,7 @@ class ThreadServicesTest : public KernelTest {
     std::lock_guard lock(CmLock());
     return mutex_->sSuspendCtrl.i32SuspendCount;
   }
-  static size_t Registered() {
-    std::lock_guard lock(CmLock());
-    size_t n = 0;
-    for (auto* r = S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
-    return n;
-  }
-  static StandInTimer& Timer() {  // never destroyed: its thread lives on
-    static StandInTimer* const timer = new StandInTimer;
-    return *timer;
-  }
+  static size_t Registered() { return SleepAgentEntries(); }
 
   std::deque<Worker> workers_;
   LX_MUTEX mutex_ = nullptr;
