@@ -149,13 +149,16 @@ inline uint16_t IssueOwnRequest(LX_THREAD* caller, uint16_t service, void* objec
   return request.u16Status;
 }
 
-// The two halves of CM_Request after its timer-thread rule. EnqueueLocked
-// (S_sCmLock held) makes the reply pipe and appends the request, waking the
-// dispatcher if it is idle; when no pipe can be made it completes the request
-// at once with LX_NOT_AVAILABLE and returns false. AwaitCompletion (lock not
-// held) blocks for the reply byte, closes the pipe, passes the lock once and
-// clears the service code.
-bool EnqueueLocked(CmServiceRequest& request) noexcept;
+// The halves of CM_Request after its timer-thread rule. EnqueueLocked
+// (S_sCmLock held) makes the reply pipe and appends the request; when no pipe
+// can be made it completes the request at once with LX_NOT_AVAILABLE
+// (kRefused). kWakeDispatcher: the dispatcher was idle and the caller owes it
+// the wake byte, written by WakeDispatcher once the lock is released.
+// AwaitCompletion (lock not held) blocks for the reply byte, closes the pipe,
+// passes the lock once and clears the service code.
+enum class Enqueued { kRefused, kQueued, kWakeDispatcher };
+Enqueued EnqueueLocked(CmServiceRequest& request) noexcept;
+void WakeDispatcher() noexcept;
 // AwaitCompletion is where a requester may be cancelled: the request is then
 // taken off every list and its pipe closed before the thread ends.
 void AwaitCompletion(CmServiceRequest& request);

@@ -1,14 +1,15 @@
 // Request list and dispatcher thread "CMRH".
 //
-// A requester appends its request under S_sCmLock, writes one wake byte when
-// the dispatcher is idle, releases the lock and blocks on the request's own
-// reply pipe. The dispatcher holds S_sCmLock for a whole pass and hands every
+// A requester appends its request under S_sCmLock, releases the lock, writes
+// one wake byte if it found the dispatcher idle, and blocks on the request's
+// own reply pipe. The dispatcher holds S_sCmLock for a whole pass and hands every
 // queued request, in order, to its class function, which completes it (status,
 // then one reply byte) or parks it on a suspend list.
 //
 // Wake-ups cannot be lost: requests are appended only under the lock, and the
-// dispatcher sets S_i8CmIdle before it reads the list, so at most one wake
-// byte is ever pending and it always finds the requests queued before it.
+// dispatcher sets S_i8CmIdle before it reads the list; the requester that
+// clears the flag owes the one byte, so at most one is ever pending and the
+// pass it starts finds every request queued before it.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -71,14 +72,13 @@ void FatalStartup(const char* message, std::size_t length) {
   std::exit(0);
 }
 
-// Appends a request and wakes the dispatcher if no wake byte is pending.
-// S_sCmLock held.
-void AppendAndWakeLocked(CmServiceRequest& request) noexcept {
+// Appends a request; returns whether the dispatcher is idle and must be sent
+// the wake byte (by the caller, once it has released the lock). S_sCmLock held.
+bool AppendLocked(CmServiceRequest& request) noexcept {
   CM_RequestAdd(&request);
-  if (S_i8CmIdle == 1) {
-    MoveOneByte(S_i32CmPIPE[1], true);
-    S_i8CmIdle = 0;
-  }
+  if (S_i8CmIdle != 1) return false;
+  S_i8CmIdle = 0;
+  return true;
 }
 
 void Dispatch(CmServiceRequest& request) noexcept {
@@ -95,31 +95,40 @@ void Dispatch(CmServiceRequest& request) noexcept {
 void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) {
   {
     NoCancelScope noCancel;
-    std::lock_guard lock(CmLock());
-    if (refuseTimerWaits && request.psThread == G_psTimer && LoadWaitOption(request) != LX_NO_WAIT) {
-      request.u16Status = LX_WAIT_ERROR;
-      SetThreadState(request.psThread, LX_STATE_READY);
-      return;
+    Enqueued enqueued = Enqueued::kRefused;
+    {
+      std::lock_guard lock(CmLock());
+      if (refuseTimerWaits && request.psThread == G_psTimer && LoadWaitOption(request) != LX_NO_WAIT) {
+        request.u16Status = LX_WAIT_ERROR;
+        SetThreadState(request.psThread, LX_STATE_READY);
+        return;
+      }
+      enqueued = EnqueueLocked(request);
     }
-    if (!EnqueueLocked(request)) return;
+    if (enqueued == Enqueued::kRefused) return;
+    if (enqueued == Enqueued::kWakeDispatcher) WakeDispatcher();
   }
   AwaitCompletion(request);
 }
 
 }  // namespace
 
-bool EnqueueLocked(CmServiceRequest& request) noexcept {
+Enqueued EnqueueLocked(CmServiceRequest& request) noexcept {
   StoreInSleepAgent(request, 0);
   if (::pipe2(request.ai32ReplyPipe, O_CLOEXEC) != 0) {
     // No descriptor left for the reply: answer at once, queue nothing.
     request.ai32ReplyPipe[0] = request.ai32ReplyPipe[1] = -1;
     request.u16Status = LX_NOT_AVAILABLE;
     StoreService(request, 0);
-    return false;
+    return Enqueued::kRefused;
   }
-  AppendAndWakeLocked(request);
-  return true;
+  return AppendLocked(request) ? Enqueued::kWakeDispatcher : Enqueued::kQueued;
 }
+
+// Written after the lock is released: a dispatcher woken while the requester
+// still held the lock would only block on it again. The idle flag was cleared
+// under the lock, so each idle spell still gets exactly one byte.
+void WakeDispatcher() noexcept { MoveOneByte(S_i32CmPIPE[1], true); }
 
 // Runs when the requester is cancelled while it waits for its reply (a
 // terminate): takes the request off the request list, its suspend list and

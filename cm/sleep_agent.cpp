@@ -108,6 +108,7 @@ void SleepAgentEx(void) {
   CmServiceRequest& timeout = TimerRequest();
   for (std::size_t i = 0; i < expiredCount; ++i) {
     CmServiceRequest* request = expired[i];
+    Enqueued enqueued = Enqueued::kRefused;
     {
       std::lock_guard lock(CmLock());
       if (!IsRegisteredLocked(request) || LoadWaitOption(*request) != 0) continue;
@@ -119,8 +120,10 @@ void SleepAgentEx(void) {
       // in this block by an expiration function's service plays no part.
       StoreWaitOption(timeout, LX_NO_WAIT);
       if (LoadInSleepAgent(*request) == 0) continue;
-      if (!EnqueueLocked(timeout)) continue;  // no pipe now: expires on a later pass
+      enqueued = EnqueueLocked(timeout);
     }
+    if (enqueued == Enqueued::kRefused) continue;  // no pipe now: expires on a later pass
+    if (enqueued == Enqueued::kWakeDispatcher) WakeDispatcher();
     AwaitCompletion(timeout);
   }
 }
