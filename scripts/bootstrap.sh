@@ -10,6 +10,7 @@ packages=(
   util-linux mount                       # unshare, setarch, mount (the demo check)
   googletest libgtest-dev libgmock-dev   # GoogleTest sources in /usr/src/googletest
   libbenchmark-dev
+  gcovr                                  # scripts/coverage.sh
   g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user   # the arm64 build and its tests
 )
 
