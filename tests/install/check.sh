@@ -1,25 +1,52 @@
 #!/usr/bin/env bash
-# Install check: installs a built tree into a temporary prefix, then builds the
-# consumer in this folder outside the source tree twice, once with pkg-config
-# and once with find_package(quorvin), and runs both.
+# Package check: builds the Debian packages of a configured build tree with
+# cpack, unpacks them into a fresh root, checks the layout, then builds the
+# consumer in this folder and the demo firmware outside the source tree, once
+# with pkg-config and once with find_package(quorvin), and runs them.
 #
 #   tests/install/check.sh [build-dir]      (default: build/default)
+#
+# A cross build (the arm64 preset) is checked the same way with its own
+# compiler, and its programs run under the build's emulator (qemu-user).
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(cd "$here/../.." && pwd)
-build=${1:-$root/build/default}
-[[ -f $build/CMakeCache.txt ]] || { echo "install check: $build is not a configured build" >&2; exit 2; }
+build=$(cd "${1:-$root/build/default}" && pwd)
+[[ -f $build/CMakeCache.txt ]] || { echo "package check: $build is not a configured build" >&2; exit 2; }
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/quorvin-install.XXXXXX")
+work=$(mktemp -d "${TMPDIR:-/tmp}/quorvin-package.XXXXXX")
 cleanup() { rm -rf "$work"; }
 trap cleanup EXIT
-prefix=$work/prefix
+fail() { echo "package check: $*" >&2; exit 1; }
+env_file=$build/package/build.env
+[[ -f $env_file ]] || fail "$env_file is missing: configure the build again"
+# shellcheck source=/dev/null  # written by cmake/Package.cmake
+source "$env_file"
+cc=$package_cc
+arch=$package_arch
+toolchain=$package_toolchain
+emulator=("${package_emulator[@]}")
 
-fail() { echo "install check: $*" >&2; exit 1; }
+echo "-- building the packages of $build"
+rm -rf "$build/packages"
+(cd "$build" && cpack >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log" >&2; fail "cpack failed"; }
+runtime=$(find "$build/packages" -maxdepth 1 -name "libquorvin9_*_$arch.deb" -print -quit)
+development=$(find "$build/packages" -maxdepth 1 -name "libquorvin-dev_*_$arch.deb" -print -quit)
+[[ -n $runtime && -n $development ]] || fail "expected libquorvin9 and libquorvin-dev for $arch, found: $(ls "$build/packages")"
+for deb in "$runtime" "$development"; do
+  echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Package Version Architecture Depends | tr '\n' ' ')"
+done
+[[ $(dpkg-deb -f "$development" Depends) == "libquorvin9 (= $(dpkg-deb -f "$runtime" Version))" ]] ||
+  fail "libquorvin-dev does not depend on its own libquorvin9"
+if dpkg-deb -c "$runtime" | grep -q '/include/\|\.pc$\|libquorvin\.so$'; then
+  fail "the runtime package carries development files"
+fi
 
-echo "-- installing $build into $prefix"
-cmake --install "$build" --prefix "$prefix"
+fresh=$work/root
+dpkg-deb -x "$runtime" "$fresh"
+dpkg-deb -x "$development" "$fresh"
+prefix=$fresh/usr
 
 # Layout: the library with its soname links, the headers, both package files.
 libdir=$(dirname "$(find "$prefix" -name 'libquorvin.so.9.0.0' -print -quit)")
@@ -37,33 +64,49 @@ for file in quorvinConfig.cmake quorvinConfigVersion.cmake quorvinTargets.cmake;
 done
 [[ -f $libdir/pkgconfig/quorvin.pc ]] || fail "quorvin.pc is not installed"
 pkg-config --validate "$libdir/pkgconfig/quorvin.pc" || fail "quorvin.pc does not validate"
-if find "$prefix" \( -name '*quorvin_internal*' -o -name '*quorvin_objects*' -o -name '*.a' \) | grep -q .; then
-  fail "an internal library was installed"
+if find "$fresh" \( -name '*quorvin_internal*' -o -name '*quorvin_objects*' -o -name '*.a' \) | grep -q .; then
+  fail "an internal library was packaged"
 fi
 
-# The consumer is built from a copy, so nothing can refer back into the tree.
+# The programs are built from copies, so nothing can refer back into the tree.
 cp -r "$here" "$work/src"
+cp "$root/examples/demo_firmware.c" "$work/src/"
 
-# Runs the consumer and checks that it took the installed library.
-run_consumer() {
+# Checks that a program needs the packaged library and takes it when run.
+check_links() {
   local app=$1 how=$2
-  readelf -d "$app" | grep -q 'NEEDED.*\[libquorvin.so.9\]' || fail "$how: the consumer does not need libquorvin.so.9"
-  local resolved
-  resolved=$(env LD_LIBRARY_PATH="${3:-}" ldd "$app" | awk '$1 == "libquorvin.so.9" { print $3 }')
-  [[ $resolved == "$libdir/libquorvin.so.9" ]] || fail "$how: libquorvin.so.9 resolves to '$resolved'"
+  readelf -d "$app" | grep -q 'NEEDED.*\[libquorvin.so.9\]' || fail "$how: $(basename "$app") does not need libquorvin.so.9"
+  if ((${#emulator[@]} == 0)); then
+    local resolved
+    resolved=$(env LD_LIBRARY_PATH="$libdir" ldd "$app" | awk '$1 == "libquorvin.so.9" { print $3 }')
+    [[ $resolved == "$libdir/libquorvin.so.9" ]] || fail "$how: libquorvin.so.9 resolves to '$resolved'"
+  fi
+}
+run_programs() {
+  local dir=$1 how=$2
+  check_links "$dir/app" "$how"
+  check_links "$dir/demo_firmware" "$how"
   echo "-- $how consumer:"
-  env LD_LIBRARY_PATH="${3:-}" "$app" || fail "$how: the consumer failed"
+  env LD_LIBRARY_PATH="$libdir" "${emulator[@]}" "$dir/app" || fail "$how: the consumer failed"
+  echo "-- $how demo firmware:"
+  LD_LIBRARY_PATH="$libdir" "$root/examples/check_demo.sh" "${emulator[@]}" "$dir/demo_firmware" >"$work/demo.log" 2>&1 ||
+    { cat "$work/demo.log" >&2; fail "$how: the demo firmware check failed"; }
+  tail -n 1 "$work/demo.log"
 }
 
-echo "-- pkg-config --cflags --libs quorvin: $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs quorvin)"
-# shellcheck disable=SC2046  # the flags are meant to be split
-cc -std=c11 -Wall -Wextra -Werror -o "$work/app-pkgconfig" "$work/src/consumer.c" \
-  $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs quorvin)
-run_consumer "$work/app-pkgconfig" pkg-config "$libdir"
+flags=$(PKG_CONFIG_SYSROOT_DIR= PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs quorvin)
+echo "-- pkg-config --cflags --libs quorvin: $flags"
+mkdir -p "$work/pkg-config"
+# shellcheck disable=SC2086  # the flags are meant to be split
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pkg-config/app" "$work/src/consumer.c" $flags
+# shellcheck disable=SC2086
+"$cc" -std=gnu11 -Wall -Wextra -o "$work/pkg-config/demo_firmware" "$work/src/demo_firmware.c" $flags
+run_programs "$work/pkg-config" pkg-config
 
 echo "-- find_package(quorvin)"
-cmake -S "$work/src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake -S "$work/src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release \
+  ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain" -Dquorvin_DIR="$libdir/cmake/quorvin"} >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-run_consumer "$work/cmake-build/app" find_package
+run_programs "$work/cmake-build" find_package
 
-echo "-- install check passed"
+echo "-- package check passed ($arch)"
