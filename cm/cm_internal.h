@@ -86,7 +86,15 @@ inline void StoreWaitOption(CmServiceRequest& r, uint32_t v) noexcept {
   StoreRelaxed(r.u32WaitOption, v);
 }
 inline uint16_t LoadState(const ThreadControlBlock& t) noexcept { return LoadRelaxed(t.u16State); }
-inline void StoreState(ThreadControlBlock& t, uint16_t v) noexcept { StoreRelaxed(t.u16State, v); }
+// Terminated is final: a terminated thread may still run up to its next
+// cancellation point, and a request it issues meanwhile must not make it look
+// alive again (a delete waits for state 2).
+inline void StoreState(ThreadControlBlock& t, uint16_t v) noexcept {
+  std::atomic_ref<uint16_t> state(t.u16State);
+  uint16_t current = state.load(std::memory_order_relaxed);
+  while (current != LX_STATE_TERMINATED && !state.compare_exchange_weak(current, v, std::memory_order_relaxed)) {
+  }
+}
 
 // The block a thread handle names, or nullptr for a NULL handle or word.
 inline ThreadControlBlock* TcbOf(LX_THREAD* handle) noexcept {

@@ -107,6 +107,7 @@ LX_STATUS _lx_MutexDelete(LX_MUTEX* psMutex) {
   if (!Registered(caller)) return LX_MUTEX_ERROR;
   const LX_STATUS status = IssueOwnRequest(caller, CM_MUTEX_DELETE, psMutex, LX_NO_WAIT);
   Mutexes().Remove(psMutex);
+  // The handler has cleared the word already; NULL it in any case.
   std::atomic_ref<MutexControlBlock*>(*psMutex).store(nullptr, std::memory_order_release);
   return status;
 }
@@ -188,6 +189,11 @@ int32_t CM_MutexDelete(CmServiceRequest* psRequest) {
   if (mutex == nullptr) return 0;
   psRequest->u16Status = LX_SUCCESS;
   CM_WakeUpAllThreadInSuspendList(psRequest, &mutex->sSuspendCtrl, LX_DELETED);
+  // Requests queued behind this one in the same pass passed their caller's
+  // check while the mutex still existed: the NULL word makes them answer
+  // LX_MUTEX_ERROR instead of parking on (or freeing again) a freed block.
+  std::atomic_ref<MutexControlBlock*>(*static_cast<LX_MUTEX*>(psRequest->pvObject))
+      .store(nullptr, std::memory_order_release);
   std::free(mutex);
   CM_WakeUpThread(psRequest);
   return 0;

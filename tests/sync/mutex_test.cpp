@@ -155,6 +155,29 @@ TEST_F(MutexTest, DeleteReleasesEveryWaiterWithDeletedAndRetiresTheHandle) {
   InfoOf(mutex, LX_MUTEX_ERROR);
 }
 
+TEST_F(MutexTest, RequestsQueuedBehindADeleteInOnePassFindNoMutex) {
+  // They passed their callers' checks while the mutex existed; the dispatcher
+  // must neither park them on the freed block nor free it twice.
+  LX_MUTEX& mutex = NewMutex(0, false);
+  CmServiceRequest requests[4] = {};
+  const uint16_t codes[4] = {CM_MUTEX_DELETE, CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_DELETE};
+  bool wake = false;
+  {
+    std::lock_guard lock(CmLock());  // all four are served in one pass
+    for (int i = 0; i < 4; ++i) {
+      requests[i].u16Service = codes[i];
+      requests[i].psThread = _lx_ThreadIdentify();
+      requests[i].pvObject = &mutex;
+      wake |= EnqueueLocked(requests[i]) == Enqueued::kWakeDispatcher;
+    }
+  }
+  if (wake) WakeDispatcher();
+  for (CmServiceRequest& request : requests) AwaitCompletion(request);
+  EXPECT_EQ(mutex, nullptr);
+  EXPECT_EQ(requests[0].u16Status, LX_SUCCESS);
+  for (int i = 1; i < 4; ++i) EXPECT_EQ(requests[i].u16Status, LX_MUTEX_ERROR) << i;
+}
+
 TEST_F(MutexTest, RegistryRefusesBadCreationsAndMissingOutputsAndHoldsFiftyMutexes) {
   static LX_MUTEX many[51];
   EXPECT_EQ(_lx_MutexCreate(nullptr, "x", 0), LX_MUTEX_ERROR);

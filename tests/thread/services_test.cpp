@@ -237,6 +237,9 @@ TEST_F(ThreadServicesTest, DeleteWaitsForATerminatedThreadToEndButNotForever) {
     self.stage = 1;
   });
   ASSERT_TRUE(WaitUntil([&] { return State(quitter) == LX_STATE_TERMINATED; }));
+  // Final: a request the thread issued on its way out cannot make it look alive.
+  SetThreadState(&quitter.handle, LX_STATE_MUTEX_WAIT);
+  EXPECT_EQ(State(quitter), LX_STATE_TERMINATED);
   ASSERT_EQ(_lx_ThreadDelete(&quitter.handle), LX_SUCCESS);
   quitter.deleted = true;
   EXPECT_EQ(quitter.stage, 0);  // the service did not return

@@ -1,0 +1,79 @@
+// The soak program's shared pieces: options, workers, and the interface each
+// object class's part of the soak implements (soak_<class>.cpp).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <random>
+#include <vector>
+
+#include "quorvin/quorvin.h"
+
+namespace soak {
+
+struct Options {
+  int seconds = 60;
+  uint64_t seed = 0;
+  int marginTicks = 300;  // how far a wait may overstay before it is a hang
+  bool holdOnFailure = false;
+};
+extern Options g_options;
+extern std::atomic<bool> g_stop;
+
+inline constexpr int kWorkers = 46;
+
+struct Worker {
+  LX_THREAD handle = nullptr;
+  int index = 0;
+  char name[8] = {};
+  bool expendable = false;  // the chaos thread may terminate and re-create it
+  std::mt19937_64 rng;
+  std::atomic<bool> finished{false};
+  // What the worker is blocked in, for the watchdog: the operation (nullptr
+  // between operations), its wait option and when it began (ms).
+  std::atomic<const char*> op{nullptr};
+  std::atomic<uint32_t> wait{0};
+  std::atomic<int64_t> since{0};
+};
+extern Worker g_workers[kWorkers];
+
+struct Counts {
+  std::atomic<uint64_t> ops{0}, timeouts{0}, aborts{0}, deleted{0};
+  std::atomic<int64_t> maxOvershoot{0};
+};
+
+// One object class's part of the soak. Every function but work runs on the
+// chaos thread (create: before the workers start; lostWakeUp: watchdog).
+// Any function but create and work may be nullptr.
+struct Family {
+  const char* name;
+  Counts& counts;
+  void (*create)();
+  void (*work)(Worker& self);                   // one random operation
+  void (*chaos)(std::mt19937_64& rng);          // one disturbance
+  const char* (*lostWakeUp)();                  // what is stuck, or nullptr
+  void (*forget)(Worker& worker);               // a terminated worker's holdings
+  void (*drain)();                              // at the end: release what waits
+  void (*finalCheck)();                         // accounting at the end
+  void (*report)();                             // extra summary lines
+};
+std::vector<Family*>& Families();
+struct Register {
+  explicit Register(Family& family) { Families().push_back(&family); }
+};
+
+// Reports a failure (the run will end with status 1).
+void Fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// A status outside the allowed set is a failure.
+void Expect(LX_STATUS status, std::initializer_list<LX_STATUS> allowed, const char* what);
+// Prints the summary (if asked) and ends the process.
+[[noreturn]] void Finish(bool summary);
+// Runs a call that may wait, visible to the watchdog, and counts its outcome.
+LX_STATUS Timed(Worker& self, const char* op, uint32_t wait, Counts& counts, LX_STATUS timeoutStatus,
+                const std::function<LX_STATUS()>& call);
+// LX_NO_WAIT, a few ticks, or LX_WAIT_FOREVER.
+uint32_t RandomWait(Worker& self);
+
+}  // namespace soak
