@@ -31,14 +31,32 @@ class PosixMutex {
   pthread_mutex_t& mutex_;
 };
 
-// Keeps the calling thread from being cancelled while a system lock is held:
-// a thread cancelled inside such a section would leave the lock held for good.
-class NoCancelScope {
+// Depth of SystemSection scopes on this thread, and whether a suspension
+// (signal 12) arrived inside one. Initial-exec TLS: read by the signal handler.
+[[gnu::tls_model("initial-exec")]] inline thread_local int t_systemSections = 0;
+[[gnu::tls_model("initial-exec")]] inline thread_local bool t_suspensionDeferred = false;
+
+// Waits for the resume of a suspension that arrived inside a SystemSection
+// (thread/create.cpp, beside the signal handler).
+void RunDeferredSuspension() noexcept;
+
+// A section that holds, or may take, a system lock. Inside it the thread can
+// neither be cancelled (it would leave the lock held for good) nor suspended:
+// a thread suspended while it held the component-manager lock would stall the
+// dispatcher and every requester, its suspender included. A suspension that
+// arrives meanwhile takes effect when the outermost section ends.
+class SystemSection {
  public:
-  NoCancelScope() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
-  ~NoCancelScope() { pthread_setcancelstate(previous_, nullptr); }
-  NoCancelScope(const NoCancelScope&) = delete;
-  NoCancelScope& operator=(const NoCancelScope&) = delete;
+  SystemSection() noexcept {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_);
+    ++t_systemSections;
+  }
+  ~SystemSection() {
+    if (--t_systemSections == 0 && t_suspensionDeferred) RunDeferredSuspension();
+    pthread_setcancelstate(previous_, nullptr);
+  }
+  SystemSection(const SystemSection&) = delete;
+  SystemSection& operator=(const SystemSection&) = delete;
 
  private:
   int previous_ = PTHREAD_CANCEL_ENABLE;

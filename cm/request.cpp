@@ -82,7 +82,7 @@ bool AppendLocked(CmServiceRequest& request) noexcept {
 }
 
 void Dispatch(CmServiceRequest& request) noexcept {
-  const uint16_t service = request.u16Service;
+  const uint16_t service = LoadService(request);  // a terminate may clear it meanwhile
   const ClassEntry* entry = FindClass(service);
   if (entry != nullptr && entry->function != nullptr) {
     entry->function(service, &request);
@@ -94,7 +94,7 @@ void Dispatch(CmServiceRequest& request) noexcept {
 // Both sides of CM_Request; the sleep agent's expiries skip the timer rule.
 void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) {
   {
-    NoCancelScope noCancel;
+    SystemSection section;
     Enqueued enqueued = Enqueued::kRefused;
     {
       std::lock_guard lock(CmLock());
@@ -136,7 +136,7 @@ void WakeDispatcher() noexcept { MoveOneByte(S_i32CmPIPE[1], true); }
 static void AbandonRequest(void* argument) {
   auto& request = *static_cast<CmServiceRequest*>(argument);
   {
-    NoCancelScope noCancel;
+    SystemSection section;
     std::lock_guard lock(CmLock());
     CmServiceRequest* previous = nullptr;
     for (CmServiceRequest* r = S_psTop; r != nullptr; previous = r, r = r->psNext) {
@@ -163,7 +163,7 @@ void AwaitCompletion(CmServiceRequest& request) {
   pthread_cleanup_push(AbandonRequest, &request);
   MoveOneByte(request.ai32ReplyPipe[0], false);
   pthread_cleanup_pop(0);
-  NoCancelScope noCancel;
+  SystemSection section;
   ::close(request.ai32ReplyPipe[0]);
   ::close(request.ai32ReplyPipe[1]);
   {

@@ -87,7 +87,7 @@ void SleepAgentRemoveRequest(CmServiceRequest* psRequest) {
 }
 
 void SleepAgentEx(void) {
-  NoCancelScope noCancel;
+  SystemSection section;
   PosixMutex passMutex(g_passLock);
   std::lock_guard pass(passMutex);
 

@@ -61,6 +61,15 @@ int TakeThreadSignal() {
   return signal;
 }
 
+// The suspension itself: waits for signal 10 (a signal 14 taken meanwhile is
+// consumed and ignored), then marks the thread ready.
+void WaitForResume() noexcept {
+  LX_THREAD* self = _lx_ThreadIdentify();
+  while (TakeThreadSignal() != SIGUSR1) {
+  }
+  SetThreadState(self, LX_STATE_READY);
+}
+
 }  // namespace
 
 // The tick thread's single release of G_sThreadInitLock: under this start
@@ -112,7 +121,7 @@ LX_STATUS _lx_ThreadCreate(LX_THREAD* psThread, const char* pcName, LX_THREAD_EN
   if (u16Priority > LX_MAX_PRIORITY) return LX_PRIORITY_ERROR;
   if (u16AutoStart > 1) return LX_NO_MEMORY;
 
-  NoCancelScope noCancel;
+  SystemSection section;
   PosixMutex poolMutex(G_sThreadPoolLock);
   ThreadControlBlock* tcb = nullptr;
   {
@@ -176,7 +185,7 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
   ::prctl(PR_SET_NAME, tcb.acName, 0, 0, 0);
   SaveLogFile(LX_PID_LIST_PATH, "Name: %s, pid:%ld\n", tcb.acName, static_cast<long>(KernelTid()));
   {
-    NoCancelScope noCancel;
+    SystemSection section;
     PosixMutex initMutex(G_sThreadInitLock);
     PosixMutex createMutex(G_sThreadCreateLock);
     std::lock_guard init(initMutex);
@@ -197,12 +206,21 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
   return tcb.pfnEntry(tcb.u64EntryInput);
 }
 
+namespace quorvin::detail {
+
+void RunDeferredSuspension() noexcept {
+  t_suspensionDeferred = false;
+  WaitForResume();
+}
+
+}  // namespace quorvin::detail
+
 void ThreadSignalServiceRoutine(int) {
-  const int savedErrno = errno;
-  LX_THREAD* self = _lx_ThreadIdentify();
-  while (TakeThreadSignal() != SIGUSR1) {
-    // A signal 14 taken during a suspension is consumed and ignored.
+  if (t_systemSections > 0) {  // holding a system lock: suspend once it is released
+    t_suspensionDeferred = true;
+    return;
   }
-  SetThreadState(self, LX_STATE_READY);
+  const int savedErrno = errno;
+  WaitForResume();
   errno = savedErrno;
 }

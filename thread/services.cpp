@@ -95,7 +95,7 @@ LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread) {
   deadline.tv_sec += kDeleteJoinSeconds;
   if (pthread_timedjoin_np(LoadThreadId(*target), nullptr, &deadline) != 0) return LX_DELETE_ERROR;
   {
-    NoCancelScope noCancel;
+    SystemSection section;
     PosixMutex poolMutex(G_sThreadPoolLock);
     std::lock_guard pool(poolMutex);
     const int32_t index = PoolFindLocked(psThread, false);

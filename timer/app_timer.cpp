@@ -86,7 +86,7 @@ LX_STATUS _lx_TimerCreate(LX_TIMER* psTimer, const char* pcName, TimerExpiration
   if (u16AutoActivate > 1) return LX_ACTIVATE_ERROR;
   if (CallerIsTimerThread()) return LX_CALLER_ERROR;  // the walk holds the timer lock
 
-  NoCancelScope noCancel;
+  SystemSection section;
   std::lock_guard lock(TimerLock());
   TimerControlBlock* current = LoadWord(psTimer);
   if (current != nullptr && FindLocked(current) >= 0) return LX_TIMER_ERROR;
@@ -112,7 +112,7 @@ LX_STATUS _lx_TimerDelete(LX_TIMER* psTimer) {
   if (TimerOf(psTimer) == nullptr) return LX_TIMER_ERROR;
   if (CallerIsTimerThread()) return LX_CALLER_ERROR;
 
-  NoCancelScope noCancel;
+  SystemSection section;
   std::lock_guard lock(TimerLock());
   TimerControlBlock* timer = LoadWord(psTimer);
   if (timer == nullptr) return LX_TIMER_ERROR;  // deleted meanwhile

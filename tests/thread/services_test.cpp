@@ -131,6 +131,28 @@ TEST_F(ThreadServicesTest, SuspendHoldsAnotherThreadUntilSignal10AndAWaitAbortAn
   EXPECT_EQ(_lx_ThreadWaitAbort(&w.handle), LX_SUCCESS);  // ready: nothing to abort
 }
 
+TEST_F(ThreadServicesTest, ASuspensionInsideASystemSectionWaitsForItsEnd) {
+  if (!MasksVisible()) GTEST_SKIP() << "thread signal masks are not visible in /proc";
+  Worker& w = Start([](Worker& self) {
+    {
+      SystemSection section;  // as while holding the component-manager lock
+      self.stage = 1;
+      AwaitGo(self);
+      self.stage = 2;
+    }
+    self.stage = 3;
+  });
+  ASSERT_TRUE(WaitUntil([&] { return w.stage == 1; }));
+  EXPECT_EQ(_lx_ThreadSuspend(&w.handle), LX_SUCCESS);  // the suspender is not kept waiting
+  w.go = true;
+  ASSERT_TRUE(WaitUntil([&] { return w.stage == 2; }));
+  EXPECT_FALSE(WaitUntil([&] { return w.stage == 3; }, 100ms));  // suspended as it left the section
+  EXPECT_EQ(State(w), LX_STATE_SUSPENDED);
+  EXPECT_EQ(_lx_ThreadResume(&w.handle), LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return w.stage == 3; }));
+  EXPECT_EQ(State(w), LX_STATE_READY);
+}
+
 TEST_F(ThreadServicesTest, InfoGetReportsTheBlockAndBadHandlesOutsidersAndUnknownOperationsAreRefused) {
   Worker& w = Start(AwaitGo, 10, 0x12345);
   char* name = nullptr;
