@@ -36,7 +36,7 @@ class CmQueueTest : public KernelTest, public ::testing::WithParamInterface<bool
   }
   void TearDown() override {
     waiters_.JoinAll();
-    if (queue_ != nullptr) EXPECT_EQ(CmQueueDelete(&queue_), LX_SUCCESS);
+    EXPECT_TRUE(queue_ == nullptr || CmQueueDelete(&queue_) == LX_SUCCESS);
   }
   void Make(uint32_t capacity) { ASSERT_EQ(CmQueueCreate(&queue_, capacity, 1, nullptr), LX_SUCCESS); }
   // (suspend count, free slots) as the dispatcher left them.
@@ -225,7 +225,7 @@ TEST_P(CmQueueTest, UnknownCodesMissingPointersAndBadCallersAreAnswered) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Routes, CmQueueTest, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "StandAlone" : "ClassFunction"; });
+                         [](const auto& route) { return route.param ? "StandAlone" : "ClassFunction"; });
 
 }  // namespace
 }  // namespace quorvin::test
