@@ -3,8 +3,8 @@
 //
 // Creation runs under G_sQueueLock. Sends, receives and flushes take no lock:
 // the host's queue serialises them. The descriptor stays blocking for good;
-// each call chooses its own wait through the deadline of the timed call (one
-// long past for no wait, none for forever, now + ticks otherwise), so calls
+// each call chooses its own wait: a timed call with a deadline long past for
+// no wait or now + ticks for a finite wait, the untimed call for forever, so calls
 // with different wait options on one queue never change each other's mode.
 #include <fcntl.h>
 #include <mqueue.h>
@@ -75,9 +75,14 @@ LX_STATUS Transfer(LX_QUEUE* handle, void* buffer, uint32_t waitOption, bool sen
   }
   const mqd_t des = queue->sCtrl.i32MqDes;
   const std::size_t bytes = queue->u32MessageBytes;
+  // glibc declares the deadline of the timed calls non-null: forever takes the untimed ones.
   const int error = RetryInterrupted([&] {
-    if (send) return ::mq_timedsend(des, static_cast<const char*>(buffer), bytes, priority, until);
-    const ssize_t got = ::mq_timedreceive(des, static_cast<char*>(buffer), bytes, nullptr, until);
+    if (send) {
+      return until != nullptr ? ::mq_timedsend(des, static_cast<const char*>(buffer), bytes, priority, until)
+                              : ::mq_send(des, static_cast<const char*>(buffer), bytes, priority);
+    }
+    const ssize_t got = until != nullptr ? ::mq_timedreceive(des, static_cast<char*>(buffer), bytes, nullptr, until)
+                                         : ::mq_receive(des, static_cast<char*>(buffer), bytes, nullptr);
     if (got > 0) return 0;
     if (got == 0) errno = EMSGSIZE;  // an empty message is no message
     return -1;

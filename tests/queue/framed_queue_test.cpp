@@ -45,6 +45,10 @@ std::vector<std::string> TakeLog() {
 const std::string kLine294 = "2,1:Error in QueueReceive Line :294\n";
 const std::string kLine269 = "2,1:Error in QueueReceive Line :269\n";
 
+// The lock semaphore is never freed (semaphores have no delete), so the record
+// naming it lives as long as the process, as an application's would.
+FramedQueueCtrl g_framed{};
+
 class FramedQueueTest : public KernelTest {
  protected:
   // A buffer of exactly QueueCalcSize bytes on the heap, so that any access
@@ -66,7 +70,7 @@ class FramedQueueTest : public KernelTest {
   uint8_t StateByte(uint32_t slot) const { return buffer_[slot * (queue_.u16MessageSize + 1u)]; }
 
   static constexpr uint8_t kMarker = 0xAB;
-  FramedQueueCtrl queue_{};
+  FramedQueueCtrl& queue_ = g_framed;
   std::vector<uint8_t> buffer_;
 };
 
