@@ -7,6 +7,7 @@
 
 #include "cm/cm_internal.h"
 #include "quorvin/lx_mutex.h"
+#include "quorvin/lx_queue.h"
 
 namespace quorvin::detail {
 namespace {
@@ -17,6 +18,7 @@ std::array<ClassEntry, kClassCount> g_classes = [] {
   std::array<ClassEntry, kClassCount> table{};
   table[ClassIndex(CM_CLASS_SYSTEM)] = {&SystemClass, nullptr};
   table[ClassIndex(CM_CLASS_MUTEX)] = {&CM_MutexFunction, &CM_MutexWakeUp};
+  table[ClassIndex(CM_CLASS_QUEUE)] = {&CM_QueueFunction, &CM_QueueWakeUp};
   table[ClassIndex(CM_CLASS_THREAD)] = {&CM_ThreadFunction, nullptr};  // time-outs: CM_SystemFunction
   return table;
 }();

@@ -59,7 +59,7 @@ SuspendNode* FindPreferredWaiter(const SuspendCtrl& list) noexcept {
 
 void PrioritizeWaiters(const SuspendClass& cls, CmServiceRequest& request, SuspendCtrl& list) noexcept {
   request.u16Status = LX_SUCCESS;
-  if (static_cast<uint32_t>(list.i32SuspendCount) > 1) {
+  if (Waiters(list.i32SuspendCount) > 1) {
     SuspendNode* chosen = FindPreferredWaiter(list);
     CmServiceRequest* moved = chosen != nullptr ? OwnerRequest(*chosen) : nullptr;
     if (moved == nullptr) {

@@ -25,6 +25,7 @@ for name in CMRH TimerISR SoftTimer sampler reporter supervisor poller worker wa
   grep -q "^Name: $name, pid:[0-9]*$" <<<"$output" || fail "pid-list line of $name"
 done
 grep -q 'waiter: endless wait ended with status 26' <<<"$output" || fail "aborted wait"
+grep -q '^queue records *[1-9][0-9]* sent, [1-9][0-9]* received' <<<"$output" || fail "message queue"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
 [ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"

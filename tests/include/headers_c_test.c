@@ -43,6 +43,32 @@ _Static_assert(offsetof(ThreadControlBlock, psSelf) == 64, "psSelf");
 _Static_assert(offsetof(ThreadControlBlock, u32PoolIndex) == 72, "u32PoolIndex");
 _Static_assert(offsetof(ThreadControlBlock, sRequest) == 80, "sRequest");
 
+_Static_assert(offsetof(MqQueueCtrl, i32MqDes) == 0, "MqQueueCtrl.i32MqDes");
+_Static_assert(offsetof(QueueMemNode, psPrevNode) == 0, "QueueMemNode.psPrevNode");
+_Static_assert(offsetof(QueueMemNode, psNextNode) == 8, "QueueMemNode.psNextNode");
+_Static_assert(offsetof(QueueMemNode, pvSlot) == 16, "QueueMemNode.pvSlot");
+_Static_assert(offsetof(QueueMemNode, u32Free) == 24, "QueueMemNode.u32Free");
+_Static_assert(offsetof(QueueListCtrl, psHead) == 0, "QueueListCtrl.psHead");
+_Static_assert(offsetof(QueueListCtrl, psTail) == 8, "QueueListCtrl.psTail");
+_Static_assert(offsetof(QueueListCtrl, i32Count) == 16, "QueueListCtrl.i32Count");
+_Static_assert(offsetof(QueueListCtrl, i32Capacity) == 20, "QueueListCtrl.i32Capacity");
+_Static_assert(offsetof(QueueListCtrl, i32MessageBytes) == 24, "QueueListCtrl.i32MessageBytes");
+_Static_assert(offsetof(QueueListCtrl, i32MessageWords) == 28, "QueueListCtrl.i32MessageWords");
+_Static_assert(offsetof(QueueListCtrl, paNodes) == 32, "QueueListCtrl.paNodes");
+_Static_assert(offsetof(QueueListCtrl, pvStorage) == 40, "QueueListCtrl.pvStorage");
+_Static_assert(offsetof(QueueListCtrl, sListLock) == 48, "QueueListCtrl.sListLock");
+_Static_assert(offsetof(QueueListCtrl, sReceiveGate) == 48 + sizeof(pthread_mutex_t), "QueueListCtrl.sReceiveGate");
+_Static_assert(offsetof(CmQueueCtrl, psList) == 0, "CmQueueCtrl.psList");
+_Static_assert(offsetof(CmQueueCtrl, sSuspendCtrl) == 8, "CmQueueCtrl.sSuspendCtrl");
+_Static_assert(offsetof(CmQueueCtrl, u32Capacity) == 32, "CmQueueCtrl.u32Capacity");
+_Static_assert(offsetof(CmQueueCtrl, u32FreeSlots) == 36, "CmQueueCtrl.u32FreeSlots");
+_Static_assert(offsetof(FramedQueueCtrl, psMsgQueue) == 0, "FramedQueueCtrl.psMsgQueue");
+_Static_assert(offsetof(FramedQueueCtrl, pu8SlotArea) == 8, "FramedQueueCtrl.pu8SlotArea");
+_Static_assert(offsetof(FramedQueueCtrl, u8Locked) == 16, "FramedQueueCtrl.u8Locked");
+_Static_assert(offsetof(FramedQueueCtrl, psLockSemaphore) == 24, "FramedQueueCtrl.psLockSemaphore");
+_Static_assert(offsetof(FramedQueueCtrl, u16MessageSize) == 32, "FramedQueueCtrl.u16MessageSize");
+_Static_assert(offsetof(FramedQueueCtrl, u8SlotCount) == 34, "FramedQueueCtrl.u8SlotCount");
+
 int main(void) {
   /* The exported data and services are declared with the expected types. */
   LX_THREAD* (*identify)(void) = _lx_ThreadIdentify;
