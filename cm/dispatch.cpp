@@ -7,6 +7,7 @@
 
 #include "cm/cm_internal.h"
 #include "quorvin/lx_mutex.h"
+#include "quorvin/lx_pool.h"
 #include "quorvin/lx_queue.h"
 
 namespace quorvin::detail {
@@ -17,6 +18,8 @@ void SystemClass(uint16_t service, CmServiceRequest* request) { CM_SystemFunctio
 std::array<ClassEntry, kClassCount> g_classes = [] {
   std::array<ClassEntry, kClassCount> table{};
   table[ClassIndex(CM_CLASS_SYSTEM)] = {&SystemClass, nullptr};
+  table[ClassIndex(CM_CLASS_BLOCK_POOL)] = {&CM_BlockFunction, &CM_BlockWakeUp};
+  table[ClassIndex(CM_CLASS_BYTE_POOL)] = {&CM_ByteFunction, &CM_ByteWakeUp};
   table[ClassIndex(CM_CLASS_MUTEX)] = {&CM_MutexFunction, &CM_MutexWakeUp};
   table[ClassIndex(CM_CLASS_QUEUE)] = {&CM_QueueFunction, &CM_QueueWakeUp};
   table[ClassIndex(CM_CLASS_THREAD)] = {&CM_ThreadFunction, nullptr};  // time-outs: CM_SystemFunction

@@ -10,6 +10,7 @@
 
 #include "cm/cm_internal.h"
 #include "quorvin/lx_mutex.h"
+#include "quorvin/lx_pool.h"
 #include "quorvin/lx_queue.h"
 
 namespace quorvin::detail {
@@ -17,6 +18,8 @@ namespace {
 
 // Wait-abort handler of each waiting state whose class is built in.
 constexpr std::pair<uint16_t, void (*)(CmServiceRequest*)> kWaitAborts[] = {
+    {LX_STATE_BLOCK_POOL_WAIT, &CM_BlockWaitAbort},
+    {LX_STATE_BYTE_POOL_WAIT, &CM_ByteWaitAbort},
     {LX_STATE_MUTEX_WAIT, &CM_MutexWaitAbort},
     {LX_STATE_QUEUE_WAIT, &CM_QueueWaitAbort},
 };

@@ -9,6 +9,7 @@
 #include "lx_kernel.h"
 #include "lx_log.h"
 #include "lx_mutex.h"
+#include "lx_pool.h"
 #include "lx_queue.h"
 #include "lx_cm_queue.h"
 #include "lx_framed_queue.h"

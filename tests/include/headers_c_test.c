@@ -69,6 +69,21 @@ _Static_assert(offsetof(FramedQueueCtrl, psLockSemaphore) == 24, "FramedQueueCtr
 _Static_assert(offsetof(FramedQueueCtrl, u16MessageSize) == 32, "FramedQueueCtrl.u16MessageSize");
 _Static_assert(offsetof(FramedQueueCtrl, u8SlotCount) == 34, "FramedQueueCtrl.u8SlotCount");
 
+_Static_assert(offsetof(BlockPoolControlBlock, acName) == 0, "BlockPool.acName");
+_Static_assert(offsetof(BlockPoolControlBlock, pvPoolStart) == 24, "BlockPool.pvPoolStart");
+_Static_assert(offsetof(BlockPoolControlBlock, u32BlockSize) == 32, "BlockPool.u32BlockSize");
+_Static_assert(offsetof(BlockPoolControlBlock, sSuspendCtrl) == 40, "BlockPool.sSuspendCtrl");
+_Static_assert(offsetof(BlockPoolControlBlock, u32TotalBlocks) == 64, "BlockPool.u32TotalBlocks");
+_Static_assert(offsetof(BlockPoolControlBlock, u32AvailableBlocks) == 68, "BlockPool.u32AvailableBlocks");
+_Static_assert(sizeof(BlockPoolControlBlock) == 72, "BlockPoolControlBlock size");
+
+_Static_assert(offsetof(BytePoolControlBlock, acName) == 0, "BytePool.acName");
+_Static_assert(offsetof(BytePoolControlBlock, pvPoolStart) == 24, "BytePool.pvPoolStart");
+_Static_assert(offsetof(BytePoolControlBlock, u32PoolSize) == 32, "BytePool.u32PoolSize");
+_Static_assert(offsetof(BytePoolControlBlock, u32AvailableBytes) == 36, "BytePool.u32AvailableBytes");
+_Static_assert(offsetof(BytePoolControlBlock, sSuspendCtrl) == 40, "BytePool.sSuspendCtrl");
+_Static_assert(sizeof(BytePoolControlBlock) == 64, "BytePoolControlBlock size");
+
 int main(void) {
   /* The exported data and services are declared with the expected types. */
   LX_THREAD* (*identify)(void) = _lx_ThreadIdentify;
