@@ -26,6 +26,10 @@ for name in CMRH TimerISR SoftTimer sampler reporter supervisor poller worker wa
 done
 grep -q 'waiter: endless wait ended with status 26' <<<"$output" || fail "aborted wait"
 grep -q '^queue records *[1-9][0-9]* sent, [1-9][0-9]* received' <<<"$output" || fail "message queue"
+grep -q "^Name: packer, pid:[0-9]*$" <<<"$output" && grep -q "^Name: unpacker, pid:[0-9]*$" <<<"$output" ||
+  fail "pid-list lines of the pool threads"
+grep -q 'packer: buffer pool dry, allocation timed out' <<<"$output" || fail "pool time-out"
+grep -q '^pool messages *[1-9][0-9]* produced, [1-9][0-9]* consumed' <<<"$output" || fail "pool messages"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
 [ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"

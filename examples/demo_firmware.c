@@ -7,7 +7,7 @@
  * asks for a busy mutex with a finite wait that times out, a worker is
  * suspended and resumed by a periodic timer, a waiter's endless wait is
  * aborted, a periodic heartbeat timer counts ticks, a one-shot timer fires
- * once, and a supervisor thread ends the run with a summary. SIGQUIT ends it early, in
+ * once, a packer passes pool buffers to an unpacker, and a supervisor thread ends the run with a summary. SIGQUIT ends it early, in
  * order: the supervisor is told through g_zloop_exit_id and SIGTERM, prints
  * the summary, and the system exits with status 0.
  *
@@ -19,6 +19,7 @@
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include <quorvin/quorvin.h>
@@ -216,6 +217,91 @@ static void PrintQueueSummary(void) {
          atomic_load(&s_recordsReceived), atomic_load(&s_queueTimeouts));
 }
 
+/* --- Pools. A packer takes message buffers from a block pool and the text
+ * of each message from a byte pool, faster than an unpacker gives them back,
+ * so some of its timed allocations find the buffer pool dry and time out. */
+#define MESSAGE_BLOCK 32u
+#define MESSAGE_BLOCKS 4u
+#define MAILBOX_SLOTS 8u
+
+typedef struct Message {
+  unsigned number;
+  char* text; /* from the byte pool */
+} Message;
+
+static LX_BLOCK_POOL s_buffers;
+static LX_BYTE_POOL s_texts;
+static LX_THREAD s_packer;
+static LX_THREAD s_unpacker;
+static char s_bufferArea[MESSAGE_BLOCK * MESSAGE_BLOCKS]; /* named at creation */
+static char s_textArea[256];
+static Message* _Atomic s_mailbox[MAILBOX_SLOTS];
+static atomic_uint s_produced;
+static atomic_uint s_consumed;
+static atomic_uint s_bufferTimeouts;
+
+static void* Packer(uint64_t input) {
+  (void)input;
+  for (unsigned number = 1;; SleepMs(20)) {
+    void* buffer = NULL;
+    const LX_STATUS status = _lx_BlockAllocate(&s_buffers, &buffer, 5);
+    if (status != LX_SUCCESS) {
+      if (status == LX_NO_MEMORY && atomic_fetch_add(&s_bufferTimeouts, 1) == 0) {
+        printf("[%6.2f s] packer: buffer pool dry, allocation timed out\n", SecondsSince(&s_started));
+      }
+      continue;
+    }
+    char text[24];
+    const int length = snprintf(text, sizeof text, "reading %u", number);
+    void* copy = NULL;
+    if (_lx_ByteAllocate(&s_texts, &copy, (uint64_t)length + 1, LX_WAIT_FOREVER) != LX_SUCCESS) {
+      _lx_BlockRelease(buffer);
+      continue;
+    }
+    Message* message = buffer;
+    message->text = memcpy(copy, text, (size_t)length + 1);
+    message->number = number++;
+    for (unsigned slot = 0;; slot = (slot + 1) % MAILBOX_SLOTS) { /* more slots than buffers */
+      Message* empty = NULL;
+      if (atomic_compare_exchange_strong(&s_mailbox[slot], &empty, message)) break;
+    }
+    atomic_fetch_add(&s_produced, 1);
+  }
+  return NULL;
+}
+
+/* Gives one message back every 150 ms. */
+static void* Unpacker(uint64_t input) {
+  (void)input;
+  for (unsigned slot = 0;; slot = (slot + 1) % MAILBOX_SLOTS) {
+    Message* message = atomic_exchange(&s_mailbox[slot], NULL);
+    if (message == NULL) {
+      SleepMs(5);
+      continue;
+    }
+    if (atomic_fetch_add(&s_consumed, 1) == 0) {
+      printf("[%6.2f s] unpacker: first message \"%s\"\n", SecondsSince(&s_started), message->text);
+    }
+    _lx_ByteRelease(message->text);
+    _lx_BlockRelease(message);
+    SleepMs(150);
+  }
+  return NULL;
+}
+
+static void DefinePools(void) {
+  _lx_BlockPoolCreate(&s_buffers, "buffers", MESSAGE_BLOCK, s_bufferArea, sizeof s_bufferArea);
+  _lx_BytePoolCreate(&s_texts, "texts", s_textArea, sizeof s_textArea);
+  _lx_ThreadCreate(&s_packer, "packer", Packer, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_unpacker, "unpacker", Unpacker, 0, NULL, 0, 32, 0, 0, 1);
+}
+
+static void PrintPoolSummary(void) {
+  printf("pool messages       %u produced, %u consumed, %u buffer time-outs\n", atomic_load(&s_produced),
+         atomic_load(&s_consumed), atomic_load(&s_bufferTimeouts));
+}
+/* --- End of pools. */
+
 static void PrintSummary(const char* why) {
   const double wall = SecondsSince(&s_started);
   char* name = NULL;
@@ -235,6 +321,7 @@ static void PrintSummary(const char* why) {
   printf("waits aborted       %u\n", atomic_load(&s_aborts));
   printf("worker suspensions  %u (%u work items)\n", atomic_load(&s_suspends), atomic_load(&s_workDone));
   PrintQueueSummary();
+  PrintPoolSummary();
   fflush(stdout);
 }
 
@@ -278,6 +365,7 @@ static void DefineApplication(void) {
   _lx_ThreadCreate(&s_worker, "worker", Worker, 0, NULL, 0, 32, 0, 0, 1);
   _lx_ThreadCreate(&s_waiter, "waiter", Waiter, 0, NULL, 0, 32, 0, 0, 1);
   StartQueueDemo();
+  DefinePools();
   g_zloop_thread_id = s_supervisor->hThread;
   _lx_TimerCreate(&s_toggle, "toggle-worker", ToggleWorker, 0, 50, 50, 1);
   _lx_TimerCreate(&s_abort, "abort-waiter", AbortWaiter, 0, 150, 0, 1);
