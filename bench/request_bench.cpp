@@ -36,6 +36,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "quorvin/quorvin.h"
@@ -431,13 +432,13 @@ class LoadMeter {
 // ------------------------------------------------------- phase 1: latency
 
 struct LatencyResult {
-  Summary request, floor, pipe, mutexPair;
+  Summary request, floor, pipe, mutexPair, blockPair, bytePair;
   int threadsPinned = 0;
   int rounds = 0, block = 0;
   Load load;  // of the pinned CPU, over the measured rounds
 };
 
-enum Variant { kRequest = 0, kFloor = 1, kPipe = 2, kMutexPair = 3, kVariants = 4 };
+enum Variant { kRequest = 0, kFloor = 1, kPipe = 2, kMutexPair = 3, kBlockPair = 4, kBytePair = 5, kVariants = 6 };
 
 LatencyResult RunLatency(const Options& o) {
   cpu_set_t set;
@@ -457,6 +458,14 @@ LatencyResult RunLatency(const Options& o) {
   // requests from this thread (the pool's "Scheduler" entry).
   static LX_MUTEX mutex;
   if (_lx_MutexCreate(&mutex, "bench", LX_NO_INHERIT) != LX_SUCCESS) Die("_lx_MutexCreate");
+  // Uncontended pools: allocate with no wait and release, two dispatcher
+  // requests plus the heap area taken and freed in this thread.
+  static LX_BLOCK_POOL blocks;
+  static LX_BYTE_POOL bytes;
+  static char area[1024];
+  if (_lx_BlockPoolCreate(&blocks, "bench", 64, area, sizeof area) != LX_SUCCESS) Die("_lx_BlockPoolCreate");
+  if (_lx_BytePoolCreate(&bytes, "bench", area, sizeof area) != LX_SUCCESS) Die("_lx_BytePoolCreate");
+  void* memory = nullptr;
 
   auto one = [&](int variant) {
     switch (variant) {
@@ -465,6 +474,14 @@ LatencyResult RunLatency(const Options& o) {
       case kMutexPair:
         _lx_MutexGet(&mutex, LX_NO_WAIT);
         _lx_MutexPut(&mutex);
+        break;
+      case kBlockPair:
+        _lx_BlockAllocate(&blocks, &memory, LX_NO_WAIT);
+        _lx_BlockRelease(memory);
+        break;
+      case kBytePair:
+        _lx_ByteAllocate(&bytes, &memory, 64, LX_NO_WAIT);
+        _lx_ByteRelease(memory);
         break;
       default: pipe.RoundTrip(); break;
     }
@@ -503,6 +520,8 @@ LatencyResult RunLatency(const Options& o) {
   r.floor = Summarise(std::move(samples[kFloor]));
   r.pipe = Summarise(std::move(samples[kPipe]));
   r.mutexPair = Summarise(std::move(samples[kMutexPair]));
+  r.blockPair = Summarise(std::move(samples[kBlockPair]));
+  r.bytePair = Summarise(std::move(samples[kBytePair]));
   r.rounds = o.rounds;
   r.block = o.block;
   return r;
@@ -708,6 +727,13 @@ int main(int argc, char** argv) {
       const double pairRatio = lat.mutexPair.median / lat.floor.median;
       Row("mutex get+put pair, median", Fmt("%.0f ns", lat.mutexPair.median), "design floor, median",
           Fmt("%.0f ns", lat.floor.median), Fmt("%.3f", pairRatio), "<= 2.05", pairRatio <= 2.05 ? "PASS" : "FAIL");
+      for (const auto& [name, pair] : {std::pair{"block alloc+release pair, median", &lat.blockPair},
+                                       std::pair{"byte-64 alloc+release, median", &lat.bytePair}}) {
+        const double poolRatio = pair->median / lat.floor.median;
+        anyFail = anyFail || poolRatio > 2.05;
+        Row(name, Fmt("%.0f ns", pair->median), "design floor, median", Fmt("%.0f ns", lat.floor.median),
+            Fmt("%.3f", poolRatio), "<= 2.05", poolRatio <= 2.05 ? "PASS" : "FAIL");
+      }
       Row("design floor round trip, median", Fmt("%.0f ns", lat.floor.median), "bare pipe, median",
           Fmt("%.0f ns", lat.pipe.median), Fmt("%.3f", lat.floor.median / lat.pipe.median), "-", "(info)");
     }
