@@ -86,7 +86,7 @@ LX_STATUS _lx_BlockPoolInfoGet(LX_BLOCK_POOL* psPool, char** ppcName, uint32_t* 
     return LX_PTR_ERROR;  // the next-pool output is checked, never written
   }
   // A consistent snapshot of a pool that the dispatcher cannot free meanwhile.
-  NoCancelScope noCancel;
+  SystemSection section;
   std::lock_guard lock(CmLock());
   const BlockPoolControlBlock* pool = BlockPools::PoolOf(psPool);
   if (pool == nullptr) return LX_POOL_ERROR;

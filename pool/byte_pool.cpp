@@ -79,7 +79,7 @@ LX_STATUS _lx_BytePoolInfoGet(LX_BYTE_POOL* psPool, char** ppcName, uint32_t* pu
     return LX_PTR_ERROR;  // the next-pool output is checked, never written
   }
   // A consistent snapshot of a pool that the dispatcher cannot free meanwhile.
-  NoCancelScope noCancel;
+  SystemSection section;
   std::lock_guard lock(CmLock());
   BytePoolControlBlock* pool = BytePools::PoolOf(psPool);
   if (pool == nullptr) return LX_POOL_ERROR;
