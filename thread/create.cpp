@@ -130,7 +130,7 @@ LX_STATUS _lx_ThreadCreate(LX_THREAD* psThread, const char* pcName, LX_THREAD_EN
     if (pfnEntry == nullptr) return LX_PTR_ERROR;
     if (u16Priority < u16PreemptThreshold) return LX_THRESH_ERROR;
     if (PoolCountLocked() > LX_THREAD_POOL_SLOTS - 2) return LX_THREAD_ERROR;
-    auto* record = static_cast<ThreadRecord*>(std::calloc(1, sizeof(ThreadRecord)));
+    ThreadRecord* record = TakeRecordLocked();
     if (record == nullptr) return LX_THREAD_ERROR;
     tcb = &record->tcb;
     tcb->pfnEntry = pfnEntry;
@@ -172,11 +172,11 @@ LX_STATUS _lx_ThreadCreate(LX_THREAD* psThread, const char* pcName, LX_THREAD_EN
     } else {
       std::printf("%s: Error!  Unable to find thread to delete!\n", "_lx_ThreadCreate");
     }
+    // The handle word never keeps the address of the released block.
+    ThreadControlBlock* expected = tcb;
+    std::atomic_ref<ThreadControlBlock*>(*psThread).compare_exchange_strong(expected, nullptr);
+    RecycleRecordLocked(RecordOf(*tcb));
   }
-  // The handle word never keeps the address of the freed block.
-  ThreadControlBlock* expected = tcb;
-  std::atomic_ref<ThreadControlBlock*>(*psThread).compare_exchange_strong(expected, nullptr);
-  std::free(tcb);
   return LX_THREAD_ERROR;
 }
 

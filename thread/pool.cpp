@@ -2,8 +2,12 @@
 #include <signal.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 #include "quorvin/lx_thread.h"
+
 #include "thread/thread_internal.h"
 
 ThreadControlBlock* S_paThreadPool[LX_THREAD_POOL_SLOTS] = {};
@@ -56,6 +60,33 @@ void PoolAppendLocked(ThreadControlBlock* tcb) noexcept {
   StoreSlot(count, tcb);
   StoreCount(count + 1);
   StoreSlot(count + 1, nullptr);
+}
+
+namespace {
+ThreadRecord* g_recycled[LX_THREAD_POOL_SLOTS] = {};
+int32_t g_recycledCount = 0;
+}  // namespace
+
+ThreadRecord* TakeRecordLocked() noexcept {
+  if (g_recycledCount == 0) return static_cast<ThreadRecord*>(std::calloc(1, sizeof(ThreadRecord)));
+  ThreadRecord* record = g_recycled[--g_recycledCount];
+  // Zero everything but the thread id, which a lock-free scan may be reading
+  // and which RecycleRecordLocked already cleared atomically.
+  auto* bytes = reinterpret_cast<unsigned char*>(record);
+  constexpr std::size_t idStart = offsetof(ThreadControlBlock, hThread);
+  constexpr std::size_t idEnd = idStart + sizeof(pthread_t);
+  std::memset(bytes, 0, idStart);
+  std::memset(bytes + idEnd, 0, sizeof(ThreadRecord) - idEnd);
+  return record;
+}
+
+void RecycleRecordLocked(ThreadRecord& record) noexcept {
+  StoreThreadId(record.tcb, pthread_t{});
+  if (g_recycledCount < LX_THREAD_POOL_SLOTS) {
+    g_recycled[g_recycledCount++] = &record;
+  } else {
+    std::free(&record);  // cannot happen: no more records exist than slots
+  }
 }
 
 void PoolRemoveAtLocked(int32_t index) noexcept {

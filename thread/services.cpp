@@ -88,7 +88,7 @@ LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread) {
   if (target == nullptr) return LX_THREAD_ERROR;
   if (LoadState(*target) != LX_STATE_TERMINATED) return LX_DELETE_ERROR;
   // The thread must have ended before its entry leaves the pool and its block
-  // is freed; one that never reaches a cancellation point is not waited for
+  // is released for reuse; one that never reaches a cancellation point is not waited for
   // beyond a second.
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
@@ -104,8 +104,8 @@ LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread) {
       return LX_DELETE_ERROR;
     }
     PoolRemoveAtLocked(index);
+    RecycleRecordLocked(RecordOf(*target));
   }
-  std::free(&RecordOf(*target));
   return LX_SUCCESS;
 }
 

@@ -48,6 +48,14 @@ int32_t PoolFindLocked(LX_THREAD* handle, bool fromTop) noexcept;
 void PoolAppendLocked(ThreadControlBlock* tcb) noexcept;
 void PoolRemoveAtLocked(int32_t index) noexcept;
 
+// Thread records are never returned to the heap: _lx_ThreadIdentify scans the
+// pool without a lock and may still read a block whose entry was just
+// removed, so a deleted thread's record is kept and reused by a later
+// creation (at most one record per slot ever exists). G_sThreadPoolLock held.
+// TakeRecordLocked returns a zeroed record, or nullptr when the heap is out.
+ThreadRecord* TakeRecordLocked() noexcept;
+void RecycleRecordLocked(ThreadRecord& record) noexcept;
+
 // The record of a block registered in the pool, or nullptr (lock-free scan).
 ThreadRecord* PooledRecord(const ThreadControlBlock* tcb) noexcept;
 
