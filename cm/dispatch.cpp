@@ -7,6 +7,7 @@
 
 #include "cm/cm_internal.h"
 #include "quorvin/lx_mutex.h"
+#include "sync/sync_internal.h"
 
 namespace quorvin::detail {
 namespace {
@@ -17,6 +18,8 @@ std::array<ClassEntry, kClassCount> g_classes = [] {
   std::array<ClassEntry, kClassCount> table{};
   table[ClassIndex(CM_CLASS_SYSTEM)] = {&SystemClass, nullptr};
   table[ClassIndex(CM_CLASS_MUTEX)] = {&CM_MutexFunction, &CM_MutexWakeUp};
+  table[ClassIndex(CM_CLASS_SEMAPHORE)] = {&SemaphoreClassFunction, &SemaphoreClassWakeUp};
+  table[ClassIndex(CM_CLASS_EVENT_FLAGS)] = {&EventFlagsClassFunction, &EventFlagsClassWakeUp};
   table[ClassIndex(CM_CLASS_THREAD)] = {&CM_ThreadFunction, nullptr};  // time-outs: CM_SystemFunction
   return table;
 }();

@@ -10,6 +10,7 @@
 
 #include "cm/cm_internal.h"
 #include "quorvin/lx_mutex.h"
+#include "sync/sync_internal.h"
 
 namespace quorvin::detail {
 namespace {
@@ -17,6 +18,8 @@ namespace {
 // Wait-abort handler of each waiting state whose class is built in.
 constexpr std::pair<uint16_t, void (*)(CmServiceRequest*)> kWaitAborts[] = {
     {LX_STATE_MUTEX_WAIT, &CM_MutexWaitAbort},
+    {LX_STATE_SEMAPHORE_WAIT, &SemaphoreClassWaitAbort},
+    {LX_STATE_EVENT_FLAGS_WAIT, &EventFlagsClassWaitAbort},
 };
 
 void AbortWait(CmServiceRequest& request, ThreadControlBlock& target) noexcept {
