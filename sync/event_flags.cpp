@@ -111,7 +111,8 @@ EventFlagsWaiter* ArmLocked(EventFlagsControlBlock& group, LX_THREAD* caller, ui
 // A wait that ends without a post withdraws under sLock: a record still armed
 // is disarmed and the count lowered; a record a set disarmed meanwhile has
 // been posted, so that post is taken and the set's flags returned.
-LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t* actual,
+// (A wait for no flags is never satisfied, so nothing disarms it.)
+LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested, uint32_t* actual,
                    uint32_t wait) noexcept {
   sem_t* semaphore = &waiter.sSemaphore;
   LX_STATUS failure = LX_NO_EVENTS;
@@ -128,7 +129,7 @@ LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint
   if (error != 0) {
     {
       GroupLock lock(group);
-      if (waiter.u32RequestedFlags != 0) {
+      if (waiter.u32RequestedFlags != 0 || requested == 0) {
         waiter.u32RequestedFlags = 0;
         LowerWaitCountLocked(group);
         return failure;
@@ -216,7 +217,7 @@ LX_STATUS _lx_EventFlagsGet(LX_EVENT_FLAGS* psGroup, uint32_t u32RequestedFlags,
     waiter = ArmLocked(*group, caller, u32RequestedFlags, u16GetOption);
     if (waiter == nullptr) return LX_GROUP_ERROR;  // no memory for the thread's record
   }
-  return AwaitSet(*group, *waiter, pu32ActualFlags, u32WaitOption);
+  return AwaitSet(*group, *waiter, u32RequestedFlags, pu32ActualFlags, u32WaitOption);
 }
 
 LX_STATUS _lx_EventFlagsSet(LX_EVENT_FLAGS* psGroup, uint32_t u32Flags, uint16_t u16SetOption) {
