@@ -25,6 +25,8 @@ for name in CMRH TimerISR SoftTimer sampler reporter supervisor poller worker wa
   grep -q "^Name: $name, pid:[0-9]*$" <<<"$output" || fail "pid-list line of $name"
 done
 grep -q 'waiter: endless wait ended with status 26' <<<"$output" || fail "aborted wait"
+grep -Eq '^semaphore gets +[1-9][0-9]* \([1-9][0-9]* time-outs\)$' <<<"$output" || fail "semaphore gets and time-outs"
+grep -Eq '^flag wake-ups +[1-9][0-9]* \([1-9][0-9]* coordinator rounds\)$' <<<"$output" || fail "event flags"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
 [ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"
