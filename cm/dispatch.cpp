@@ -9,6 +9,7 @@
 #include "quorvin/lx_mutex.h"
 #include "quorvin/lx_pool.h"
 #include "quorvin/lx_queue.h"
+#include "sync/sync_internal.h"
 
 namespace quorvin::detail {
 namespace {
@@ -22,6 +23,8 @@ std::array<ClassEntry, kClassCount> g_classes = [] {
   table[ClassIndex(CM_CLASS_BYTE_POOL)] = {&CM_ByteFunction, &CM_ByteWakeUp};
   table[ClassIndex(CM_CLASS_MUTEX)] = {&CM_MutexFunction, &CM_MutexWakeUp};
   table[ClassIndex(CM_CLASS_QUEUE)] = {&CM_QueueFunction, &CM_QueueWakeUp};
+  table[ClassIndex(CM_CLASS_SEMAPHORE)] = {&SemaphoreClassFunction, &SemaphoreClassWakeUp};
+  table[ClassIndex(CM_CLASS_EVENT_FLAGS)] = {&EventFlagsClassFunction, &EventFlagsClassWakeUp};
   table[ClassIndex(CM_CLASS_THREAD)] = {&CM_ThreadFunction, nullptr};  // time-outs: CM_SystemFunction
   return table;
 }();

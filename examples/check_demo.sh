@@ -30,6 +30,8 @@ grep -q "^Name: packer, pid:[0-9]*$" <<<"$output" && grep -q "^Name: unpacker, p
   fail "pid-list lines of the pool threads"
 grep -q 'packer: buffer pool dry, allocation timed out' <<<"$output" || fail "pool time-out"
 grep -q '^pool messages *[1-9][0-9]* produced, [1-9][0-9]* consumed' <<<"$output" || fail "pool messages"
+grep -Eq '^semaphore gets +[1-9][0-9]* \([1-9][0-9]* time-outs\)$' <<<"$output" || fail "semaphore gets and time-outs"
+grep -Eq '^flag wake-ups +[1-9][0-9]* \([1-9][0-9]* coordinator rounds\)$' <<<"$output" || fail "event flags"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
 [ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"

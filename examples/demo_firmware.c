@@ -302,6 +302,90 @@ static void PrintPoolSummary(void) {
 }
 /* --- End of pools. */
 
+/* --- Semaphores and event flags ---------------------------------------
+ * A signaller puts the sample semaphore ten times at 50 ms, then pauses half
+ * a second; the collector's 20-tick gets time out during the pauses. A timer
+ * sets FLAG_TIMER every 30 ticks for the flag worker (LX_OR_CLEAR); the
+ * collector (every fifth sample) and the flag worker each raise their done
+ * flag, and the coordinator waits for both with LX_AND_CLEAR. */
+#define FLAG_TIMER 0x1u
+#define FLAG_CONSUMER_DONE 0x2u
+#define FLAG_WORKER_DONE 0x4u
+
+static LX_THREAD s_semProducer, s_semConsumer, s_flagWorker, s_coordinator;
+static LX_SEMAPHORE s_sampleReady;
+static LX_EVENT_FLAGS s_events;
+static LX_TIMER s_flagTimer;
+static atomic_uint s_semGets, s_semTimeouts, s_flagWakeUps, s_rounds;
+
+static void SetTimerFlag(uint32_t input) {
+  (void)input;
+  _lx_EventFlagsSet(&s_events, FLAG_TIMER, LX_OR); /* allowed on the timer thread */
+}
+
+static void* SampleProducer(uint64_t input) {
+  (void)input;
+  for (unsigned n = 1;; ++n) {
+    _lx_SemaphorePut(&s_sampleReady);
+    SleepMs(n % 10 == 0 ? 500 : 50);
+  }
+  return NULL;
+}
+
+static void* SampleConsumer(uint64_t input) {
+  (void)input;
+  for (;;) {
+    const LX_STATUS status = _lx_SemaphoreGet(&s_sampleReady, 20);
+    if (status == LX_NO_INSTANCE) {
+      printf("[%6.2f s] collector: no sample for 20 ticks\n", SecondsSince(&s_started));
+      atomic_fetch_add(&s_semTimeouts, 1);
+    } else if (status == LX_SUCCESS && atomic_fetch_add(&s_semGets, 1) % 5 == 4) {
+      _lx_EventFlagsSet(&s_events, FLAG_CONSUMER_DONE, LX_OR);
+    }
+  }
+  return NULL;
+}
+
+static void* FlagWorker(uint64_t input) {
+  (void)input;
+  for (;;) {
+    uint32_t actual = 0;
+    if (_lx_EventFlagsGet(&s_events, FLAG_TIMER, LX_OR_CLEAR, &actual, LX_WAIT_FOREVER) == LX_SUCCESS) {
+      atomic_fetch_add(&s_flagWakeUps, 1);
+      _lx_EventFlagsSet(&s_events, FLAG_WORKER_DONE, LX_OR);
+    }
+  }
+  return NULL;
+}
+
+static void* Coordinator(uint64_t input) {
+  (void)input;
+  for (;;) {
+    uint32_t actual = 0;
+    if (_lx_EventFlagsGet(&s_events, FLAG_CONSUMER_DONE | FLAG_WORKER_DONE, LX_AND_CLEAR, &actual,
+                          LX_WAIT_FOREVER) == LX_SUCCESS) {
+      atomic_fetch_add(&s_rounds, 1);
+    }
+  }
+  return NULL;
+}
+
+static void DefineSyncDemo(void) {
+  _lx_SemaphoreCreate(&s_sampleReady, "sample-ready", 0);
+  _lx_EventFlagsCreate(&s_events, "demo-events");
+  _lx_ThreadCreate(&s_semProducer, "signaller", SampleProducer, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_semConsumer, "collector", SampleConsumer, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_flagWorker, "flagworker", FlagWorker, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_coordinator, "coordinator", Coordinator, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_TimerCreate(&s_flagTimer, "flag-timer", SetTimerFlag, 0, 30, 30, 1);
+}
+
+static void PrintSyncSummary(void) {
+  printf("semaphore gets      %u (%u time-outs)\n", atomic_load(&s_semGets), atomic_load(&s_semTimeouts));
+  printf("flag wake-ups       %u (%u coordinator rounds)\n", atomic_load(&s_flagWakeUps),
+         atomic_load(&s_rounds));
+}
+
 static void PrintSummary(const char* why) {
   const double wall = SecondsSince(&s_started);
   char* name = NULL;
@@ -320,6 +404,7 @@ static void PrintSummary(const char* why) {
   printf("wait time-outs      %u\n", atomic_load(&s_timeouts));
   printf("waits aborted       %u\n", atomic_load(&s_aborts));
   printf("worker suspensions  %u (%u work items)\n", atomic_load(&s_suspends), atomic_load(&s_workDone));
+  PrintSyncSummary();
   PrintQueueSummary();
   PrintPoolSummary();
   fflush(stdout);
@@ -372,6 +457,7 @@ static void DefineApplication(void) {
   _lx_TimerCreate(&s_heartbeat, "heartbeat", Heartbeat, TICKS_PER_SECOND, TICKS_PER_SECOND,
                   TICKS_PER_SECOND, 1);
   _lx_TimerCreate(&s_startupCheck, "startup-check", StartupCheck, 0, 50, 0, 1);
+  DefineSyncDemo();
 }
 
 int main(int argc, char** argv) {

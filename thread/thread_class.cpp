@@ -12,6 +12,7 @@
 #include "quorvin/lx_mutex.h"
 #include "quorvin/lx_pool.h"
 #include "quorvin/lx_queue.h"
+#include "sync/sync_internal.h"
 
 namespace quorvin::detail {
 namespace {
@@ -22,6 +23,8 @@ constexpr std::pair<uint16_t, void (*)(CmServiceRequest*)> kWaitAborts[] = {
     {LX_STATE_BYTE_POOL_WAIT, &CM_ByteWaitAbort},
     {LX_STATE_MUTEX_WAIT, &CM_MutexWaitAbort},
     {LX_STATE_QUEUE_WAIT, &CM_QueueWaitAbort},
+    {LX_STATE_SEMAPHORE_WAIT, &SemaphoreClassWaitAbort},
+    {LX_STATE_EVENT_FLAGS_WAIT, &EventFlagsClassWaitAbort},
 };
 
 void AbortWait(CmServiceRequest& request, ThreadControlBlock& target) noexcept {

@@ -6,6 +6,7 @@
 
 #include "lx_status.h"
 #include "lx_cm.h"
+#include "lx_event_flags.h"
 #include "lx_kernel.h"
 #include "lx_log.h"
 #include "lx_mutex.h"

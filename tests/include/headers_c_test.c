@@ -83,6 +83,21 @@ _Static_assert(offsetof(BytePoolControlBlock, u32PoolSize) == 32, "BytePool.u32P
 _Static_assert(offsetof(BytePoolControlBlock, u32AvailableBytes) == 36, "BytePool.u32AvailableBytes");
 _Static_assert(offsetof(BytePoolControlBlock, sSuspendCtrl) == 40, "BytePool.sSuspendCtrl");
 _Static_assert(sizeof(BytePoolControlBlock) == 64, "BytePoolControlBlock size");
+_Static_assert(offsetof(CmSemaphoreControlBlock, sSuspendCtrl) == 24, "CmSemaphore.sSuspendCtrl");
+_Static_assert(offsetof(CmSemaphoreControlBlock, u32Ceiling) == 48, "CmSemaphore.u32Ceiling");
+_Static_assert(offsetof(CmSemaphoreControlBlock, u32Count) == 52, "CmSemaphore.u32Count");
+
+_Static_assert(offsetof(EventFlagsControlBlock, acName) == 0, "EventFlags.acName");
+_Static_assert(offsetof(EventFlagsControlBlock, u32CurrentFlags) == 20, "EventFlags.u32CurrentFlags");
+_Static_assert(offsetof(EventFlagsControlBlock, sSuspendCtrl) == 24, "EventFlags.sSuspendCtrl");
+_Static_assert(offsetof(EventFlagsControlBlock, u32WaitCount) == 48, "EventFlags.u32WaitCount");
+_Static_assert(offsetof(EventFlagsControlBlock, sLock) == 56, "EventFlags.sLock");
+_Static_assert(offsetof(EventFlagsControlBlock, psFirstWaiter) == 56 + sizeof(pthread_mutex_t), "psFirstWaiter");
+_Static_assert(offsetof(EventFlagsWaiter, psThread) == 8, "EventFlagsWaiter.psThread");
+_Static_assert(offsetof(EventFlagsWaiter, u32RequestedFlags) == 16, "EventFlagsWaiter.u32RequestedFlags");
+_Static_assert(offsetof(EventFlagsWaiter, u16GetOption) == 20, "EventFlagsWaiter.u16GetOption");
+_Static_assert(offsetof(EventFlagsWaiter, u32ActualFlags) == 24, "EventFlagsWaiter.u32ActualFlags");
+_Static_assert(offsetof(EventFlagsWaiter, sSemaphore) == 32, "EventFlagsWaiter.sSemaphore");
 
 int main(void) {
   /* The exported data and services are declared with the expected types. */

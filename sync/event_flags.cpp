@@ -1,0 +1,259 @@
+// Event-flag groups: the _lx_EventFlags services, served in the calling
+// thread.
+//
+// Each group has its own lock, sLock, which guards the direct side's waiter
+// records and the arming of waits; no other lock is ever taken with it. A get
+// that must wait arms its thread's record (made once per thread and group),
+// raises u32WaitCount and sleeps on the record's semaphore without the lock.
+// A set updates the flags and, while waits are armed, tests every record in
+// list order against the flags the records before it left, and for each
+// satisfied one stores the flags, clears what the waiter asked to clear,
+// disarms it and posts its semaphore, all under sLock. A wait that ends
+// without a post withdraws under sLock (see AwaitSet), so no post outlives
+// the wait it was meant for.
+//
+// Words read without sLock: the flags (the dispatcher's event-flag class
+// changes them too), u32WaitCount and psFirstWaiter (info-get), and
+// u32ActualFlags (the woken thread) are accessed atomically.
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "kernel/deadline.h"
+#include "kernel/platform.h"
+#include "sync/sync_internal.h"
+
+namespace quorvin::detail {
+
+void* S_paEventFlags[kRegistrySlots] = {};
+int32_t S_i32EventFlagsIndex = 0;
+
+HandleRegistry& EventFlagGroups() noexcept {
+  static HandleRegistry registry(S_paEventFlags, S_i32EventFlagsIndex);
+  return registry;
+}
+
+EventFlagsControlBlock* FindGroup(void* handle) noexcept {
+  if (!EventFlagGroups().Contains(handle)) return nullptr;
+  return std::atomic_ref<EventFlagsControlBlock*>(*static_cast<LX_EVENT_FLAGS*>(handle))
+      .load(std::memory_order_acquire);
+}
+
+void RetireGroup(void* handle, EventFlagsControlBlock* group) noexcept {
+  EventFlagGroups().Remove(handle);
+  std::atomic_ref<EventFlagsControlBlock*>(*static_cast<LX_EVENT_FLAGS*>(handle))
+      .store(nullptr, std::memory_order_release);
+  pthread_mutex_destroy(&group->sLock);
+  for (EventFlagsWaiter* waiter = group->psFirstWaiter; waiter != nullptr;) {
+    EventFlagsWaiter* next = waiter->psNext;
+    sem_destroy(&waiter->sSemaphore);
+    std::free(waiter);
+    waiter = next;
+  }
+  std::free(group);
+}
+
+namespace {
+
+constexpr uint16_t kClearBit = 0x1;  // get option: clear the requested flags on success
+
+// The direct side's lock, with cancellation held off while it is held.
+class GroupLock {
+ public:
+  explicit GroupLock(EventFlagsControlBlock& group) noexcept : mutex_(group.sLock), guard_(mutex_) {}
+
+ private:
+  SystemSection section_;
+  PosixMutex mutex_;
+  std::lock_guard<PosixMutex> guard_;
+};
+
+EventFlagsWaiter* FirstWaiter(EventFlagsControlBlock& group) noexcept {
+  return std::atomic_ref<EventFlagsWaiter*>(group.psFirstWaiter).load(std::memory_order_acquire);
+}
+
+// One armed wait fewer; never below zero. sLock held.
+void LowerWaitCountLocked(EventFlagsControlBlock& group) noexcept {
+  if (const uint32_t count = LoadRelaxed(group.u32WaitCount); count != 0) StoreRelaxed(group.u32WaitCount, count - 1);
+}
+
+// Finds or makes the caller's record and arms it; nullptr when a new record
+// cannot be made. sLock held.
+EventFlagsWaiter* ArmLocked(EventFlagsControlBlock& group, LX_THREAD* caller, uint32_t requested,
+                            uint16_t option) noexcept {
+  EventFlagsWaiter* last = nullptr;
+  EventFlagsWaiter* waiter = group.psFirstWaiter;
+  while (waiter != nullptr && waiter->psThread != caller) {
+    last = waiter;
+    waiter = waiter->psNext;
+  }
+  if (waiter == nullptr) {
+    waiter = static_cast<EventFlagsWaiter*>(std::calloc(1, sizeof(EventFlagsWaiter)));
+    if (waiter == nullptr) return nullptr;
+    if (sem_init(&waiter->sSemaphore, 0, 0) != 0) {
+      std::free(waiter);
+      return nullptr;
+    }
+    waiter->psThread = caller;
+    if (last != nullptr) {
+      last->psNext = waiter;
+    } else {  // published for info-get, which reads it without the lock
+      std::atomic_ref<EventFlagsWaiter*>(group.psFirstWaiter).store(waiter, std::memory_order_release);
+    }
+  }
+  waiter->u32RequestedFlags = requested;
+  waiter->u16GetOption = option;
+  StoreRelaxed(group.u32WaitCount, LoadRelaxed(group.u32WaitCount) + 1);
+  return waiter;
+}
+
+// Sleeps until a set posts the armed record, the wait runs out or fails.
+// A wait that ends without a post withdraws under sLock: a record still armed
+// is disarmed and the count lowered; a record a set disarmed meanwhile has
+// been posted, so that post is taken and the set's flags returned.
+// (A wait for no flags is never satisfied, so nothing disarms it.)
+LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested, uint32_t* actual,
+                   uint32_t wait) noexcept {
+  sem_t* semaphore = &waiter.sSemaphore;
+  LX_STATUS failure = LX_NO_EVENTS;
+  int error = 0;
+  timespec deadline{};
+  if (wait == LX_WAIT_FOREVER) {
+    error = RetryInterrupted([&] { return sem_wait(semaphore); });
+  } else if (DeadlineInTicks(wait, deadline)) {
+    error = RetryInterrupted([&] { return sem_timedwait(semaphore, &deadline); });
+  } else {
+    error = -1;
+    failure = LX_GROUP_ERROR;  // the realtime clock cannot be read
+  }
+  if (error != 0) {
+    {
+      GroupLock lock(group);
+      if (waiter.u32RequestedFlags != 0 || requested == 0) {
+        waiter.u32RequestedFlags = 0;
+        LowerWaitCountLocked(group);
+        return failure;
+      }
+    }
+    RetryInterrupted([&] { return sem_wait(semaphore); });  // posted before it was disarmed
+  }
+  *actual = LoadRelaxed(waiter.u32ActualFlags);
+  return LX_SUCCESS;
+}
+
+// Wakes every armed record the flags satisfy, in list order. sLock held.
+void ReleaseSatisfiedLocked(EventFlagsControlBlock& group) noexcept {
+  for (EventFlagsWaiter* waiter = group.psFirstWaiter; waiter != nullptr; waiter = waiter->psNext) {
+    const uint32_t flags = CurrentFlags(group).load(std::memory_order_relaxed);
+    if (EventFlagCmp(flags, waiter->u32RequestedFlags, waiter->u16GetOption) == 0) continue;
+    LowerWaitCountLocked(group);
+    StoreRelaxed(waiter->u32ActualFlags, flags);
+    if ((waiter->u16GetOption & kClearBit) != 0) {
+      CurrentFlags(group).fetch_and(~waiter->u32RequestedFlags, std::memory_order_relaxed);
+    }
+    waiter->u32RequestedFlags = 0;
+    sem_post(&waiter->sSemaphore);
+  }
+}
+
+}  // namespace
+}  // namespace quorvin::detail
+
+using namespace quorvin::detail;
+
+uint32_t EventFlagCmp(uint32_t u32CurrentFlags, uint32_t u32RequestedFlags, uint16_t u16Option) {
+  if (u32CurrentFlags == 0 || u32RequestedFlags == 0) return 0;
+  const uint32_t present = u32CurrentFlags & u32RequestedFlags;
+  if (u16Option == LX_AND || u16Option == LX_AND_CLEAR) return present == u32RequestedFlags ? 1 : 0;
+  return present != 0 ? 1 : 0;
+}
+
+LX_STATUS _lx_EventFlagsCreate(LX_EVENT_FLAGS* psGroup, const char* pcName) {
+  if (psGroup == nullptr || EventFlagGroups().Full()) return LX_GROUP_ERROR;
+  auto* group = static_cast<EventFlagsControlBlock*>(std::calloc(1, sizeof(EventFlagsControlBlock)));
+  if (group == nullptr) return LX_GROUP_ERROR;
+  LX_THREAD* caller = _lx_ThreadIdentify();
+  if (TcbOf(caller) == nullptr || caller == G_psTimer) {
+    std::free(group);
+    return LX_CALLER_ERROR;
+  }
+  if (pcName != nullptr) BoundedCopy(group->acName, pcName, sizeof group->acName);
+  if (pthread_mutex_init(&group->sLock, nullptr) != 0) {
+    std::free(group);
+    return LX_GROUP_ERROR;
+  }
+  // Registered only once fully built; a create racing for the last slot loses here.
+  if (!EventFlagGroups().Add(psGroup)) {
+    pthread_mutex_destroy(&group->sLock);
+    std::free(group);
+    return LX_GROUP_ERROR;
+  }
+  std::atomic_ref<EventFlagsControlBlock*>(*psGroup).store(group, std::memory_order_release);
+  return LX_SUCCESS;
+}
+
+LX_STATUS _lx_EventFlagsGet(LX_EVENT_FLAGS* psGroup, uint32_t u32RequestedFlags, uint16_t u16GetOption,
+                            uint32_t* pu32ActualFlags, uint32_t u32WaitOption) {
+  EventFlagsControlBlock* group = FindGroup(psGroup);
+  if (group == nullptr) return LX_GROUP_ERROR;
+  if (pu32ActualFlags == nullptr) return LX_PTR_ERROR;
+  if (u16GetOption > LX_AND_CLEAR) return LX_OPTION_ERROR;
+  LX_THREAD* caller = nullptr;
+  if (u32WaitOption != LX_NO_WAIT) {  // only a get that may wait needs its caller
+    caller = _lx_ThreadIdentify();
+    if (caller == G_psTimer) return LX_WAIT_ERROR;
+    if (TcbOf(caller) == nullptr) return LX_CALLER_ERROR;  // no thread of the system: no record of its own
+  }
+  EventFlagsWaiter* waiter = nullptr;
+  {
+    GroupLock lock(*group);
+    const uint32_t flags = CurrentFlags(*group).load(std::memory_order_relaxed);
+    if (EventFlagCmp(flags, u32RequestedFlags, u16GetOption) != 0) {
+      *pu32ActualFlags = flags;
+      if ((u16GetOption & kClearBit) != 0) CurrentFlags(*group).fetch_and(~u32RequestedFlags, std::memory_order_relaxed);
+      return LX_SUCCESS;
+    }
+    if (u32WaitOption == LX_NO_WAIT) return LX_NO_EVENTS;
+    waiter = ArmLocked(*group, caller, u32RequestedFlags, u16GetOption);
+    if (waiter == nullptr) return LX_GROUP_ERROR;  // no memory for the thread's record
+  }
+  return AwaitSet(*group, *waiter, u32RequestedFlags, pu32ActualFlags, u32WaitOption);
+}
+
+LX_STATUS _lx_EventFlagsSet(LX_EVENT_FLAGS* psGroup, uint32_t u32Flags, uint16_t u16SetOption) {
+  EventFlagsControlBlock* group = FindGroup(psGroup);
+  if (group == nullptr) return LX_GROUP_ERROR;
+  if (u16SetOption != LX_OR && u16SetOption != LX_AND) return LX_OPTION_ERROR;
+  GroupLock lock(*group);
+  if (u16SetOption == LX_AND) {
+    CurrentFlags(*group).fetch_and(u32Flags, std::memory_order_relaxed);
+  } else {
+    CurrentFlags(*group).fetch_or(u32Flags, std::memory_order_relaxed);
+  }
+  if (LoadRelaxed(group->u32WaitCount) != 0) ReleaseSatisfiedLocked(*group);
+  return LX_SUCCESS;
+}
+
+LX_STATUS _lx_EventFlagsInfoGet(LX_EVENT_FLAGS* psGroup, char** ppcName, uint32_t* pu32CurrentFlags,
+                                LX_THREAD** ppsFirstSuspended, uint32_t* pu32SuspendedCount,
+                                LX_EVENT_FLAGS** ppsNextGroup) {
+  EventFlagsControlBlock* group = FindGroup(psGroup);
+  if (group == nullptr) return LX_GROUP_ERROR;
+  if (ppcName == nullptr || pu32CurrentFlags == nullptr || ppsFirstSuspended == nullptr ||
+      pu32SuspendedCount == nullptr || ppsNextGroup == nullptr) {
+    return LX_PTR_ERROR;
+  }
+  // No lock: the values may come from the middle of a set.
+  const EventFlagsWaiter* first = FirstWaiter(*group);
+  *ppcName = group->acName;
+  *pu32CurrentFlags = CurrentFlags(*group).load(std::memory_order_relaxed);
+  *ppsFirstSuspended = first != nullptr ? first->psThread : nullptr;
+  *pu32SuspendedCount = LoadRelaxed(group->u32WaitCount);
+  *ppsNextGroup = nullptr;
+  return LX_SUCCESS;
+}
+
+LX_STATUS _lx_EventFlagsDelete(LX_EVENT_FLAGS*) {
+  std::printf("%s is not implement\n", "_lx_EventFlagsDelete");
+  return LX_SUCCESS;
+}
