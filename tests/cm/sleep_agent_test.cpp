@@ -33,10 +33,7 @@ class SleepAgentTest : public KernelTest {
     return waiter;
   }
   static size_t Registered() { return SleepAgentEntries(); }
-  int32_t Count() {
-    std::lock_guard lock(CmLock());
-    return object_.sSuspendCtrl.i32SuspendCount;
-  }
+  int32_t Count() { return Waiting(object_.sSuspendCtrl); }
   // Whether the dispatcher has ended the waiter's wait by time-out; exact right
   // after a pass, which returns only once the dispatcher handled its expiries.
   bool TimedOut(const Waiter& waiter) {

@@ -55,10 +55,7 @@ TEST_F(HeapFailureTest, BytesWithoutHeapGoBackAndServeTheNextWaiter) {
   ASSERT_EQ(_lx_ByteAllocate(&pool, &all, kBudget, LX_NO_WAIT), LX_SUCCESS);
   static void* out[2] = {};
   auto parked = [](int32_t n) {
-    return [n] {
-      std::lock_guard lock(CmLock());
-      return pool->sSuspendCtrl.i32SuspendCount == n;
-    };
+    return [n] { return Waiting(pool->sSuspendCtrl) == n; };
   };
   Waiters waiters;
   auto& first = waiters.Start([] { return _lx_ByteAllocate(&pool, &out[0], 300 * kMiB, LX_WAIT_FOREVER); }, parked(1));

@@ -25,14 +25,6 @@ class PoolTest : public KernelTest {
   using Waiter = Waiters::Waiter;
   void TearDown() override { waiters_.JoinAll(); }
 
-  static int32_t Waiting(const SuspendCtrl& list) {
-    std::lock_guard lock(CmLock());
-    return list.i32SuspendCount;
-  }
-  static LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
-    std::lock_guard lock(CmLock());
-    return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
-  }
   // A thread that runs allocate(&its memory) and has begun to wait on list.
   Waiter& Wait(const SuspendCtrl& list, std::function<LX_STATUS(void**)> allocate, uint16_t priority = 32) {
     const int32_t before = Waiting(list);

@@ -44,11 +44,8 @@ class CmQueueTest : public KernelTest, public ::testing::WithParamInterface<bool
     std::lock_guard lock(CmLock());
     return {queue_->sSuspendCtrl.i32SuspendCount, queue_->u32FreeSlots};
   }
-  int32_t Count() { return std::get<0>(Level()); }
-  LX_THREAD* FirstWaiter() {
-    std::lock_guard lock(CmLock());
-    return queue_->sSuspendCtrl.psFirstSuspend->psOwner;
-  }
+  int32_t Count() { return Waiting(queue_->sSuspendCtrl); }
+  LX_THREAD* FirstWaiter() { return test::FirstWaiter(queue_->sSuspendCtrl); }
   // A thread that issues one request and is parked on the queue when this returns.
   Waiter& Park(uint16_t service, uint32_t message, uint32_t wait = LX_WAIT_FOREVER, uint16_t priority = 32) {
     const int32_t before = Count();

@@ -5,45 +5,20 @@
 #include <sys/resource.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kernel/platform.h"
+#include "support/dlog_capture.h"
 #include "support/kernel_fixture.h"
-
-namespace {
-
-std::mutex g_logLock;
-std::vector<std::string> g_logLines;
-
-}  // namespace
-
-// The platform's diagnostic log, as this test program provides it.
-extern "C" int dlog_printf(int level, int flag, const char* format, ...) {
-  char text[256];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  std::lock_guard lock(g_logLock);
-  g_logLines.push_back(std::to_string(level) + "," + std::to_string(flag) + ":" + text);
-  return 0;
-}
 
 namespace quorvin::test {
 namespace {
 
-std::vector<std::string> TakeLog() {
-  std::lock_guard lock(g_logLock);
-  return std::exchange(g_logLines, {});
-}
-
-const std::string kLine294 = "2,1:Error in QueueReceive Line :294\n";
-const std::string kLine269 = "2,1:Error in QueueReceive Line :269\n";
+const std::string kLine294 = "2 1 Error in QueueReceive Line :294\n";
+const std::string kLine269 = "2 1 Error in QueueReceive Line :269\n";
 
 // The lock semaphore is never freed (semaphores have no delete), so the record
 // naming it lives as long as the process, as an application's would.
@@ -113,7 +88,7 @@ TEST_F(FramedQueueTest, FrontPlacementOvertakesAndFullSlotsRefuseWithoutWaiting)
   Receive(LX_NO_WAIT, LX_QUEUE_EMPTY);
   for (uint32_t slot = 0; slot < 3; ++slot) EXPECT_EQ(StateByte(slot), 0) << slot;
   EXPECT_EQ(std::count(buffer_.begin(), buffer_.begin() + 12, 0), 12);
-  EXPECT_TRUE(TakeLog().empty());  // an empty queue is not an error
+  EXPECT_TRUE(TakeDiagLines().empty());  // an empty queue is not an error
 }
 
 TEST_F(FramedQueueTest, EmptyMessagesCarryOnlyTheStateByte) {
@@ -159,7 +134,7 @@ TEST_F(FramedQueueTest, ABusyLockFailsTheSendAndATakenOffsetGoesBack) {
   ASSERT_EQ(_lx_SemaphorePut(&queue_.psLockSemaphore), LX_SUCCESS);
   EXPECT_EQ(Receive(), "new2");
   EXPECT_EQ(Receive(), "old1");
-  EXPECT_TRUE(TakeLog().empty());
+  EXPECT_TRUE(TakeDiagLines().empty());
 }
 
 TEST_F(FramedQueueTest, AnOffsetThatNamesNoFullSlotOrAFailedQueueIsLogged) {
@@ -173,7 +148,7 @@ TEST_F(FramedQueueTest, AnOffsetThatNamesNoFullSlotOrAFailedQueueIsLogged) {
   uint32_t odd = 3;  // not the start of a slot
   ASSERT_EQ(_lx_QueueSend(&queue_.psMsgQueue, &odd, LX_NO_WAIT), LX_SUCCESS);
   Receive(LX_NO_WAIT, LX_QUEUE_ERROR);
-  EXPECT_EQ(TakeLog(), (std::vector<std::string>{kLine294, kLine294}));
+  EXPECT_EQ(TakeDiagLines(), (std::vector<std::string>{kLine294, kLine294}));
   rlimit saved{};
   ::getrlimit(RLIMIT_MSGQUEUE, &saved);
   const rlimit none{0, saved.rlim_max};
@@ -181,7 +156,7 @@ TEST_F(FramedQueueTest, AnOffsetThatNamesNoFullSlotOrAFailedQueueIsLogged) {
   Make("refused", 4, 2, 0, LX_QUEUE_ERROR);
   ::setrlimit(RLIMIT_MSGQUEUE, &saved);
   Receive(LX_NO_WAIT, LX_QUEUE_ERROR);
-  EXPECT_EQ(TakeLog(), (std::vector<std::string>{kLine269}));
+  EXPECT_EQ(TakeDiagLines(), (std::vector<std::string>{kLine269}));
 }
 
 TEST_F(FramedQueueTest, TheTimerThreadGetsItsLockRefusedAndTheMessageSurvives) {
@@ -251,7 +226,7 @@ TEST_F(FramedQueueTest, ManyThreadsDeliverEveryMessageOnceAndIntact) {
   EXPECT_EQ(damaged.load(), 0);
   EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [](const auto& n) { return n.load() == 1; }),
             kSenders * kEach);
-  EXPECT_TRUE(TakeLog().empty());
+  EXPECT_TRUE(TakeDiagLines().empty());
 }
 
 }  // namespace

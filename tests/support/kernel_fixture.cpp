@@ -237,6 +237,16 @@ size_t SleepAgentEntries() {
   return n;
 }
 
+int32_t Waiting(const SuspendCtrl& list) {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  return list.i32SuspendCount;
+}
+
+LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
+}
+
 Waiters::Waiter& Waiters::Start(std::function<uint32_t()> call, std::function<bool()> parked, uint16_t priority,
                                 const char* name) {
   Waiter& waiter = waiters_.emplace_back();

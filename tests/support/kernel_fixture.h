@@ -49,6 +49,11 @@ CmServiceRequest& OwnRequest();
 uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
                uint64_t value = 0, uint64_t option = 0, void* data = nullptr);
 
+// Waiters on a suspend list (negative for receivers of a queue) and the handle
+// word of the first, read under the component-manager lock.
+int32_t Waiting(const SuspendCtrl& list);
+LX_THREAD* FirstWaiter(const SuspendCtrl& list);
+
 // The pid list's lines.
 std::vector<std::string> PidListLines();
 

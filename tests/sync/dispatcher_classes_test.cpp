@@ -15,14 +15,6 @@ using Waiter = Waiters::Waiter;
 class DispatcherClassTest : public KernelTest {
  protected:
   void TearDown() override { waiters_.JoinAll(); }
-  static int32_t Waiting(const SuspendCtrl& list) {
-    std::lock_guard lock(CmLock());
-    return list.i32SuspendCount;
-  }
-  static LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
-    std::lock_guard lock(CmLock());
-    return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
-  }
   // A thread whose request is parked on list when this returns.
   Waiter& Park(const SuspendCtrl& list, uint16_t service, void* object, uint32_t wait, uint64_t value = 0,
                uint64_t option = 0, uint32_t* data = nullptr, uint16_t priority = 32) {

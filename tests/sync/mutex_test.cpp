@@ -47,10 +47,7 @@ class MutexTest : public KernelTest {
     return waiter;
   }
   static uint32_t StatusOf(const Waiter& waiter) { return Waiters::StatusOf(waiter); }
-  static int32_t Waiting(LX_MUTEX mutex) {
-    std::lock_guard lock(CmLock());
-    return mutex->sSuspendCtrl.i32SuspendCount;
-  }
+  static int32_t Waiting(LX_MUTEX mutex) { return test::Waiting(mutex->sSuspendCtrl); }
   static size_t Registered() { return SleepAgentEntries(); }
   static Info InfoOf(LX_MUTEX& mutex, LX_STATUS expected = LX_SUCCESS) {
     Info i;

@@ -2,32 +2,12 @@
 // during a timed get, the platform's limits, the diagnostic lines and the
 // timer thread's rules.
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/dlog_capture.h"
 #include "support/kernel_fixture.h"
-
-namespace {
-std::mutex g_logLock;
-std::vector<std::string> g_logged;  // "level flag text"
-}  // namespace
-
-// The platform's logging library, as a test stands in for it.
-extern "C" int dlog_printf(int level, int flag, const char* format, ...);
-extern "C" int dlog_printf(int level, int flag, const char* format, ...) {
-  char text[256];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  std::lock_guard lock(g_logLock);
-  g_logged.push_back(std::to_string(level) + " " + std::to_string(flag) + " " + text);
-  return 0;
-}
 
 namespace quorvin::test {
 namespace {
@@ -36,15 +16,6 @@ using Clock = std::chrono::steady_clock;
 
 class SemaphoreTest : public KernelTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    std::lock_guard lock(g_logLock);
-    g_logged.clear();
-  }
-  static std::vector<std::string> Logged() {
-    std::lock_guard lock(g_logLock);
-    return g_logged;
-  }
   LX_SEMAPHORE NewSemaphore(uint32_t count) {
     LX_SEMAPHORE semaphore = nullptr;
     EXPECT_EQ(_lx_SemaphoreCreate(&semaphore, "s", count), LX_SUCCESS);
@@ -137,7 +108,7 @@ TEST_F(SemaphoreTest, NullHandlesAreErrorsNullWordsAndMissingServicesLogOneLineA
   EXPECT_EQ(_lx_SemaphorePrioritize(nullptr), LX_SUCCESS);
   EXPECT_EQ(name, reinterpret_cast<char*>(0x5a));
   EXPECT_EQ(_lx_SemaphoreGet(&semaphore, LX_NO_WAIT), LX_SUCCESS);  // still usable
-  EXPECT_EQ(Logged(), (std::vector<std::string>{
+  EXPECT_EQ(TakeDiagLines(), (std::vector<std::string>{
                           "3 1 _lx_SemaphoreGet: Invalid sempaphore to return! sem (nil)",
                           "3 1 _lx_SemaphorePut: Invalid sempaphore to return!",
                           "3 1 _lx_SemaphoreDelete is not implement\n",

@@ -71,10 +71,7 @@ class ThreadServicesTest : public KernelTest {
   }
   static uint16_t State(const Worker& w) { return StateOf(w.handle); }
   static bool Held(const Worker& w) { return Blocked(w.tid, SIGUSR2); }
-  int32_t Waiting() {
-    std::lock_guard lock(CmLock());
-    return mutex_->sSuspendCtrl.i32SuspendCount;
-  }
+  int32_t Waiting() { return test::Waiting(mutex_->sSuspendCtrl); }
   static size_t Registered() { return SleepAgentEntries(); }
 
   std::deque<Worker> workers_;
