@@ -14,7 +14,6 @@ using quorvin::detail::CmLock;
 
 class SleepAgentTest : public KernelTest {
  protected:
-  using Waiter = Waiters::Waiter;
   static uint32_t Ticks(const Waiter& waiter) { return Peek(waiter.handle->sRequest.u32WaitOption); }
 
   void SetUp() override {
@@ -25,14 +24,13 @@ class SleepAgentTest : public KernelTest {
   // Starts a thread taking from the object with the given wait (or running
   // body instead) and returns once it waits in the given state.
   Waiter& Park(uint32_t wait, uint16_t state = LX_STATE_SEMAPHORE_WAIT, std::function<uint32_t()> body = {}) {
-    const size_t before = Registered();
+    const size_t before = SleepAgentEntries();
     if (!body) body = [this, wait] { return Issue(kTestTake, &handle_, wait); };
     Waiter& waiter = waiters_.Start(body);
-    EXPECT_TRUE(WaitUntil([&] { return Registered() == before + 1 || wait == LX_WAIT_FOREVER; }));
+    EXPECT_TRUE(WaitUntil([&] { return SleepAgentEntries() == before + 1 || wait == LX_WAIT_FOREVER; }));
     EXPECT_TRUE(WaitUntil([&] { return StateOf(waiter.handle) == state; }));
     return waiter;
   }
-  static size_t Registered() { return SleepAgentEntries(); }
   int32_t Count() { return Waiting(object_.sSuspendCtrl); }
   // Whether the dispatcher has ended the waiter's wait by time-out; exact right
   // after a pass, which returns only once the dispatcher handled its expiries.
@@ -75,7 +73,7 @@ TEST_F(SleepAgentTest, WaitsOfNTicksExpireOnPassNPlusOneAndEqualOnesInRegistrati
   EXPECT_EQ(Count(), 1);
   EXPECT_EQ(Ticks(c), 2u);  // counted on every pass, expiries included
   EXPECT_EQ(PassesUntilReleased(c, 10), 3);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   EXPECT_EQ(Count(), 0);
 }
 
@@ -86,9 +84,9 @@ TEST_F(SleepAgentTest, ReleasedAndForeverWaitsAreNeverExpired) {
   Issue(kTestGive, &handle_);
   ASSERT_TRUE(WaitUntil([&] { return released.Done(); }));
   EXPECT_EQ(released.status.load(), LX_SUCCESS);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   Waiter& forever = Park(LX_WAIT_FOREVER);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   timer_->RunPasses(6);
   EXPECT_FALSE(TimedOut(released));
   EXPECT_FALSE(TimedOut(forever));
@@ -106,7 +104,7 @@ TEST_F(SleepAgentTest, MovedWaitersKeepTheirRemainingTicks) {
   EXPECT_EQ(Ticks(b), 2u);
   EXPECT_EQ(Ticks(c), 0u);  // none left, but its expiry is still to come
   EXPECT_EQ(StateOf(c.handle), LX_STATE_SEMAPHORE_WAIT);
-  EXPECT_EQ(Registered(), 3u);
+  EXPECT_EQ(SleepAgentEntries(), 3u);
   EXPECT_EQ(PassesUntilReleased(c, 10), 1);
   EXPECT_EQ(PassesUntilReleased(b, 10), 2);
   EXPECT_EQ(PassesUntilReleased(a, 10), 2);
@@ -149,7 +147,7 @@ TEST_F(SleepAgentTest, TimeOutOfAThreadWaitingOnTicksAloneReleasesItWithItsStatu
   ASSERT_TRUE(WaitUntil([&] { return sleeper.Done(); }));
   EXPECT_EQ(sleeper.status.load(), LX_SUCCESS);
   EXPECT_EQ(StateOf(sleeper.handle), LX_STATE_READY);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
 }
 
 TEST_F(SleepAgentTest, TimeOutForARequestAlreadyFinishedChangesNothing) {

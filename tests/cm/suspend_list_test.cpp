@@ -21,7 +21,6 @@ auto Locked(F&& read) {
 
 class SuspendListTest : public KernelTest {
  protected:
-  using Waiter = Waiters::Waiter;
   static CmServiceRequest* Request(const Waiter& waiter) { return &waiter.handle->sRequest; }
   static SuspendNode* Node(const Waiter& waiter) { return &waiter.handle->sRequest.sSuspendNode; }
 

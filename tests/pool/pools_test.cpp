@@ -22,7 +22,6 @@ LX_BLOCK_POOL* const kUnwritten = reinterpret_cast<LX_BLOCK_POOL*>(0x5a5a);
 
 class PoolTest : public KernelTest {
  protected:
-  using Waiter = Waiters::Waiter;
   void TearDown() override { waiters_.JoinAll(); }
 
   // A thread that runs allocate(&its memory) and has begun to wait on list.

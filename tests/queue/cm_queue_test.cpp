@@ -13,7 +13,6 @@ namespace quorvin::test {
 namespace {
 
 using namespace quorvin::detail;
-using Waiter = Waiters::Waiter;
 
 // The class reached through the stand-alone handlers.
 void StandAloneHandlers(uint16_t service, CmServiceRequest* request) {

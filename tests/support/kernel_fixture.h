@@ -114,6 +114,8 @@ class Waiters {
   std::deque<Waiter> waiters_;
 };
 
+using Waiter = Waiters::Waiter;
+
 // A test-only object class on the otherwise unused class 0x40, built from the
 // suspend-list operations the way every object class is.
 struct TestObject {

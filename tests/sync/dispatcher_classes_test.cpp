@@ -10,7 +10,6 @@ namespace quorvin::test {
 namespace {
 
 using namespace quorvin::detail;
-using Waiter = Waiters::Waiter;
 
 class DispatcherClassTest : public KernelTest {
  protected:

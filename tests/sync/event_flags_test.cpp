@@ -20,7 +20,6 @@ struct GroupInfo {
 
 class EventFlagsTest : public KernelTest {
  protected:
-  using Waiter = Waiters::Waiter;
   void TearDown() override { waiters_.JoinAll(); }
 
   LX_EVENT_FLAGS& NewGroup(uint32_t flags = 0) {

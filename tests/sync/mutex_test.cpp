@@ -23,7 +23,6 @@ struct Info {
 
 class MutexTest : public KernelTest {
  protected:
-  using Waiter = Waiters::Waiter;
   void TearDown() override {
     waiters_.JoinAll();
     for (LX_MUTEX& mutex : mutexes_) EXPECT_TRUE(mutex == nullptr || _lx_MutexDelete(&mutex) == LX_SUCCESS);
@@ -48,7 +47,6 @@ class MutexTest : public KernelTest {
   }
   static uint32_t StatusOf(const Waiter& waiter) { return Waiters::StatusOf(waiter); }
   static int32_t Waiting(LX_MUTEX mutex) { return test::Waiting(mutex->sSuspendCtrl); }
-  static size_t Registered() { return SleepAgentEntries(); }
   static Info InfoOf(LX_MUTEX& mutex, LX_STATUS expected = LX_SUCCESS) {
     Info i;
     EXPECT_EQ(_lx_MutexInfoGet(&mutex, &i.name, &i.count, &i.owner, &i.first, &i.suspended, &i.next), expected);
@@ -101,7 +99,7 @@ TEST_F(MutexTest, OwnerWaitsTooAndAFiniteWaitTimesOutOnThePassAfterItsTicksOrIsA
   Waiter& aborted = Wait(mutex, 32, 5);
   EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
   EXPECT_EQ(StatusOf(aborted), LX_WAIT_ABORTED);
-  EXPECT_TRUE(Waiting(mutex) == 0 && Registered() == 0u);
+  EXPECT_TRUE(Waiting(mutex) == 0 && SleepAgentEntries() == 0u);
   EXPECT_EQ(InfoOf(mutex).owner, _lx_ThreadIdentify());
   ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
   Waiter& owner = Wait(mutex, 32, LX_WAIT_FOREVER, true);  // owns it, then asks again
@@ -124,7 +122,7 @@ TEST_F(MutexTest, PrioritizeMovesTheHighestPriorityWaiterBelow31ToTheFrontWithIt
   EXPECT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
   EXPECT_EQ(FirstWaiter(mutex), &b.handle);
   EXPECT_EQ(LoadWaitOption(b.handle->sRequest), 3u);
-  EXPECT_EQ(Registered(), 1u);
+  EXPECT_EQ(SleepAgentEntries(), 1u);
   Timer().RunPasses(3);
   EXPECT_EQ(Waiting(mutex), 2);
   Timer().RunPasses(1);  // the fifth pass after it was parked, as without the move
@@ -146,7 +144,7 @@ TEST_F(MutexTest, DeleteReleasesEveryWaiterWithDeletedAndRetiresTheHandle) {
   EXPECT_EQ(mutex, nullptr);
   EXPECT_EQ(StatusOf(forever), LX_DELETED);
   EXPECT_EQ(StatusOf(timed), LX_DELETED);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   for (LX_STATUS s : {_lx_MutexGet(&mutex, LX_NO_WAIT), _lx_MutexPut(&mutex), _lx_MutexPrioritize(&mutex),
                       _lx_MutexDelete(&mutex)}) EXPECT_EQ(s, LX_MUTEX_ERROR);
   InfoOf(mutex, LX_MUTEX_ERROR);

@@ -72,7 +72,6 @@ class ThreadServicesTest : public KernelTest {
   static uint16_t State(const Worker& w) { return StateOf(w.handle); }
   static bool Held(const Worker& w) { return Blocked(w.tid, SIGUSR2); }
   int32_t Waiting() { return test::Waiting(mutex_->sSuspendCtrl); }
-  static size_t Registered() { return SleepAgentEntries(); }
 
   std::deque<Worker> workers_;
   LX_MUTEX mutex_ = nullptr;
@@ -180,7 +179,7 @@ TEST_F(ThreadServicesTest, InfoGetReportsTheBlockAndBadHandlesOutsidersAndUnknow
   OwnRequest().psTarget = &empty;
   for (uint16_t code : {CM_THREAD_SLEEP, CM_THREAD_SUSPEND, CM_THREAD_TERMINATE, CM_THREAD_WAIT_ABORT})
     EXPECT_EQ(Issue(code, nullptr, 3), LX_THREAD_ERROR) << code;
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   EXPECT_EQ(State(w), LX_STATE_READY);
 }
 
@@ -195,17 +194,17 @@ TEST_F(ThreadServicesTest, SleepTakesItsTicksAndTheSleepOperationEndsByTimeOutOr
     };
   };
   Worker& timed = Start(sleep(3));
-  ASSERT_TRUE(WaitUntil([&] { return Registered() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return SleepAgentEntries() == 1; }));
   EXPECT_EQ(State(timed), LX_STATE_SLEEPING);
   Timer().RunPasses(3);
-  EXPECT_EQ(Registered(), 1u);
+  EXPECT_EQ(SleepAgentEntries(), 1u);
   Timer().RunPasses(1);  // returns after the dispatcher has released it
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   EXPECT_EQ(State(timed), LX_STATE_READY);
   Worker& aborted = Start(sleep(50));
-  ASSERT_TRUE(WaitUntil([&] { return Registered() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return SleepAgentEntries() == 1; }));
   EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
-  EXPECT_EQ(Registered(), 0u);
+  EXPECT_EQ(SleepAgentEntries(), 0u);
   EXPECT_EQ(State(aborted), LX_STATE_READY);
   ASSERT_TRUE(WaitUntil([&] { return timed.status != 0xFFFF && aborted.status != 0xFFFF; }));
   EXPECT_EQ(timed.status, LX_SUCCESS);
@@ -237,7 +236,7 @@ TEST_F(ThreadServicesTest, TerminatedWaiterLeavesNoNodeRegistrationOrDescriptorB
     EXPECT_TRUE(S_i32ThreadPoolIndex == pooled && PooledRecord(block) == nullptr);
     EXPECT_EQ(w.handle, block);  // the word is left as it was
     EXPECT_NE(w.status, LX_SUCCESS);
-    EXPECT_TRUE(Waiting() == 0 && Registered() == 0u);
+    EXPECT_TRUE(Waiting() == 0 && SleepAgentEntries() == 0u);
     EXPECT_EQ(OpenDescriptorCount(), descriptors);
     int fresh[2], pending = -1;  // likely on the numbers its reply pipe had: nobody may write there now
     ASSERT_EQ(::pipe2(fresh, O_CLOEXEC), 0);
