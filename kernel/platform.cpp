@@ -1,10 +1,12 @@
 #include "kernel/platform.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace quorvin::detail {
@@ -48,6 +50,35 @@ void DiagLogFallback(const char* format, ...) noexcept {
   if (length + 1 >= sizeof line) length = sizeof line - 2;
   line[length] = '\n';
   WriteAll(STDERR_FILENO, line, length + 1);
+}
+
+namespace {
+pthread_mutex_t g_keptLock = PTHREAD_MUTEX_INITIALIZER;
+void** g_kept = nullptr;
+std::size_t g_keptCount = 0, g_keptCapacity = 0;
+}  // namespace
+
+void KeepBlock(void* block) noexcept {
+  pthread_mutex_lock(&g_keptLock);
+  if (g_keptCount == g_keptCapacity) {
+    const std::size_t capacity = g_keptCapacity == 0 ? 64 : g_keptCapacity * 2;
+    if (void* grown = std::realloc(g_kept, capacity * sizeof(void*))) {
+      g_kept = static_cast<void**>(grown);
+      g_keptCapacity = capacity;
+    }
+  }
+  if (g_keptCount < g_keptCapacity) g_kept[g_keptCount++] = block;  // else: only the listing is lost
+  pthread_mutex_unlock(&g_keptLock);
+}
+
+void DropBlock(void* block) noexcept {
+  pthread_mutex_lock(&g_keptLock);
+  for (std::size_t i = g_keptCount; i-- > 0;) {
+    if (g_kept[i] != block) continue;
+    g_kept[i] = g_kept[--g_keptCount];
+    break;
+  }
+  pthread_mutex_unlock(&g_keptLock);
 }
 
 }  // namespace quorvin::detail

@@ -36,6 +36,13 @@ void DiagLog(int level, int flag, const char* format, Args... args) noexcept {
   }
 }
 
+// Heap blocks the library keeps for the life of the process (semaphores,
+// event-flag groups) are listed here, so they stay reachable once the
+// application's handle word is gone and a leak checker does not report them.
+// DropBlock takes a block off before the library frees it. Thread-safe.
+void KeepBlock(void* block) noexcept;
+void DropBlock(void* block) noexcept;
+
 // Writes all bytes to a descriptor, retrying interrupted and partial writes.
 void WriteAll(int fd, const char* data, std::size_t length) noexcept;
 

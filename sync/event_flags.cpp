@@ -50,6 +50,7 @@ void RetireGroup(void* handle, EventFlagsControlBlock* group) noexcept {
     std::free(waiter);
     waiter = next;
   }
+  DropBlock(group);
   std::free(group);
 }
 
@@ -188,6 +189,7 @@ LX_STATUS _lx_EventFlagsCreate(LX_EVENT_FLAGS* psGroup, const char* pcName) {
     std::free(group);
     return LX_GROUP_ERROR;
   }
+  KeepBlock(group);
   std::atomic_ref<EventFlagsControlBlock*>(*psGroup).store(group, std::memory_order_release);
   return LX_SUCCESS;
 }

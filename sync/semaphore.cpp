@@ -48,6 +48,7 @@ LX_STATUS _lx_SemaphoreCreate(LX_SEMAPHORE* psSemaphore, const char*, uint32_t u
     std::free(semaphore);
     return LX_SEMAPHORE_ERROR;
   }
+  KeepBlock(semaphore);  // never freed
   std::atomic_ref<sem_t*>(*psSemaphore).store(semaphore, std::memory_order_release);
   return LX_SUCCESS;
 }
