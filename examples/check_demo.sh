@@ -32,6 +32,8 @@ grep -q 'packer: buffer pool dry, allocation timed out' <<<"$output" || fail "po
 grep -q '^pool messages *[1-9][0-9]* produced, [1-9][0-9]* consumed' <<<"$output" || fail "pool messages"
 grep -Eq '^semaphore gets +[1-9][0-9]* \([1-9][0-9]* time-outs\)$' <<<"$output" || fail "semaphore gets and time-outs"
 grep -Eq '^flag wake-ups +[1-9][0-9]* \([1-9][0-9]* coordinator rounds\)$' <<<"$output" || fail "event flags"
+grep -q 'mailbox: endless receive ended with status 26' <<<"$output" || fail "mailbox abort"
+grep -q '^log lines *[1-9][0-9]* sent, [1-9][0-9]* heard, 1 flush' <<<"$output" || fail "framed log queue"
 ticks="$(sed -n 's/^ticks counted *\([0-9]*\).*/\1/p' <<<"$output")"
 [ "${ticks:-0}" -ge 100 ] || fail "only ${ticks:-0} ticks in two seconds"
 echo "demo check passed"

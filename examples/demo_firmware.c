@@ -217,6 +217,75 @@ static void PrintQueueSummary(void) {
          atomic_load(&s_recordsReceived), atomic_load(&s_queueTimeouts));
 }
 
+/* --- Framed queue and dispatcher queue. A logger passes lines of varying
+ * length through a locked framed queue to a listener, which flushes it once
+ * halfway; a mailbox thread waits without limit on a dispatcher queue that
+ * nobody sends to, and a one-shot timer releases it with a wait abort. */
+#define LOG_LINE_BYTES 48u
+#define LOG_SLOTS 4u
+static FramedQueueCtrl s_log;
+static uint8_t s_logBuffer[256]; /* at least QueueCalcSize(48, 4), checked at start-up */
+static CM_QUEUE s_letterbox;
+static LX_THREAD s_logger, s_listener, s_letterboxThread;
+static LX_TIMER s_letterboxAbort;
+static atomic_uint s_linesSent, s_linesHeard, s_logFlushes, s_letterboxStatus = 0xFFFFu;
+
+static void* Logger(uint64_t input) {
+  (void)input;
+  for (unsigned n = 1;; ++n) {
+    char line[LOG_LINE_BYTES] = {0};
+    snprintf(line, sizeof line, "line %u%.*s", n, (int)(n % 20), "....................");
+    if (QueueSend(&s_log, line, 0, FRAMED_QUEUE_AT_BACK) == LX_SUCCESS) atomic_fetch_add(&s_linesSent, 1);
+    SleepMs(60);
+  }
+  return NULL;
+}
+
+static void* Listener(uint64_t input) {
+  (void)input;
+  for (;;) {
+    char line[LOG_LINE_BYTES];
+    if (QueueReceive(&s_log, line, 50) == LX_SUCCESS) atomic_fetch_add(&s_linesHeard, 1);
+    if (atomic_load(&s_linesHeard) == 10 && atomic_load(&s_logFlushes) == 0) {
+      QueueFlush(&s_log);
+      atomic_fetch_add(&s_logFlushes, 1);
+      printf("[%6.2f s] listener: log queue flushed\n", SecondsSince(&s_started));
+    }
+  }
+  return NULL;
+}
+
+static void* LetterboxWaiter(uint64_t input) {
+  (void)input;
+  uint32_t message[1];
+  const LX_STATUS status = CmQueueReceive(&s_letterbox, message, LX_WAIT_FOREVER);
+  atomic_store(&s_letterboxStatus, status);
+  printf("[%6.2f s] mailbox: endless receive ended with status %u\n", SecondsSince(&s_started), status);
+  return NULL;
+}
+
+static void AbortLetterbox(uint32_t input) {
+  (void)input;
+  _lx_ThreadWaitAbort(&s_letterboxThread);
+}
+
+static void StartMessageDemo(void) {
+  if (QueueCalcSize(LOG_LINE_BYTES, LOG_SLOTS) <= sizeof s_logBuffer &&
+      QueueCreate(&s_log, "demo_log", LOG_LINE_BYTES, LOG_SLOTS, s_logBuffer, 0, 1) == LX_SUCCESS) {
+    mq_unlink("/mq_demo_log"); /* nothing left behind on the machine */
+  }
+  CmQueueCreate(&s_letterbox, 4, 1, NULL);
+  _lx_ThreadCreate(&s_logger, "logger", Logger, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_listener, "listener", Listener, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_ThreadCreate(&s_letterboxThread, "mailbox", LetterboxWaiter, 0, NULL, 0, 32, 0, 0, 1);
+  _lx_TimerCreate(&s_letterboxAbort, "mailbox-abort", AbortLetterbox, 0, 120, 0, 1);
+}
+
+static void PrintMessageSummary(void) {
+  printf("log lines           %u sent, %u heard, %u flush\n", atomic_load(&s_linesSent),
+         atomic_load(&s_linesHeard), atomic_load(&s_logFlushes));
+}
+
 /* --- Pools. A packer takes message buffers from a block pool and the text
  * of each message from a byte pool, faster than an unpacker gives them back,
  * so some of its timed allocations find the buffer pool dry and time out. */
@@ -405,6 +474,7 @@ static void PrintSummary(const char* why) {
   printf("waits aborted       %u\n", atomic_load(&s_aborts));
   printf("worker suspensions  %u (%u work items)\n", atomic_load(&s_suspends), atomic_load(&s_workDone));
   PrintSyncSummary();
+  PrintMessageSummary();
   PrintQueueSummary();
   PrintPoolSummary();
   fflush(stdout);
@@ -450,6 +520,7 @@ static void DefineApplication(void) {
   _lx_ThreadCreate(&s_worker, "worker", Worker, 0, NULL, 0, 32, 0, 0, 1);
   _lx_ThreadCreate(&s_waiter, "waiter", Waiter, 0, NULL, 0, 32, 0, 0, 1);
   StartQueueDemo();
+  StartMessageDemo();
   DefinePools();
   g_zloop_thread_id = s_supervisor->hThread;
   _lx_TimerCreate(&s_toggle, "toggle-worker", ToggleWorker, 0, 50, 50, 1);
