@@ -129,8 +129,12 @@ LX_STATUS _lx_MutexInfoGet(LX_MUTEX* psMutex, char** ppcName, uint32_t* pu32Coun
       pu32SuspendedCount == nullptr || ppsNextMutex == nullptr) {
     return LX_PTR_ERROR;  // the next-mutex output is checked, never written
   }
-  // A consistent snapshot: the dispatcher changes these under the same lock.
+  // A consistent snapshot: the dispatcher changes these under the same lock,
+  // and a delete frees the block under it too, so the word is read again.
+  SystemSection section;
   std::lock_guard lock(CmLock());
+  mutex = MutexOf(psMutex);
+  if (mutex == nullptr) return LX_MUTEX_ERROR;
   const int32_t waiters = mutex->sSuspendCtrl.i32SuspendCount;
   *ppcName = mutex->acName;
   *pu32Count = static_cast<uint32_t>(waiters + 1);
