@@ -25,6 +25,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
@@ -253,11 +254,11 @@ void* ChaosEntry(uint64_t) {
   }
   // A time-out in flight holds a reply pipe for a moment: look a few times.
   int after = OpenDescriptors();
-  for (int i = 0; i < 100 && after != g_descriptors; ++i) {
+  for (int i = 0; i < 100 && after > g_descriptors; ++i) {
     _lx_ThreadSleep(1);
     after = OpenDescriptors();
   }
-  if (stopped && after != g_descriptors) {
+  if (stopped && after > g_descriptors) {
     Fail("descriptors: %d open before the workers started, %d at the end", g_descriptors, after);
   }
   Finish(true);
@@ -274,7 +275,13 @@ void Define() {
     worker.expendable = i % 6 == 5;
   }
   for (Family* family : Families()) family->create();
+  // A descriptor in flight (a reply pipe of the timer thread) may be open at
+  // any one look: the baseline is the least of a few.
   g_descriptors = OpenDescriptors();
+  for (int i = 0; i < 5; ++i) {
+    _lx_ThreadSleep(1);
+    g_descriptors = std::min(g_descriptors, OpenDescriptors());
+  }
   for (int i = 0; i < kWorkers; ++i) {
     if (StartWorker(i) != LX_SUCCESS) Fail("creating worker %d failed", i);
   }
