@@ -3,6 +3,7 @@
 // or two owners of one mutex.
 //
 //   soak [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure]
+//        [--mqueue-dir=D]
 //
 // --hold-on-failure keeps the process as it is at the first hang or lost
 // wake-up, for a debugger, instead of ending it.
@@ -20,7 +21,9 @@
 // ends the process: status 0 when nothing failed.
 //
 // The process needs the pid-list folder and, for message queues, its own IPC
-// namespace: bench/soak.sh runs it in private namespaces.
+// namespace: bench/soak.sh runs it in private namespaces, with the
+// namespace's message-queue file system mounted at D so that the soak can
+// count the host queues at the start and at the end.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -59,11 +62,11 @@ using Clock = std::chrono::steady_clock;
 const Clock::time_point g_start = Clock::now();
 LX_THREAD g_chaos = nullptr;
 int g_descriptors = -1;  // open once the objects exist, before any worker runs
+int g_queues = -1;       // host message queues then (-1: not counted)
+struct {
+  int descriptors = -1, queues = -1;
+} g_end;  // the same at the end
 std::mutex g_printLock;
-
-int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - g_start).count();
-}
 
 int OpenDescriptors() {
   int count = 0;
@@ -72,6 +75,17 @@ int OpenDescriptors() {
   while (dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
   ::closedir(directory);
   return count - 1;
+}
+
+// Entries of the message-queue mount, or -1 without one.
+int PosixQueues() {
+  if (g_options.mqueueDir == nullptr) return -1;
+  DIR* directory = ::opendir(g_options.mqueueDir);
+  if (directory == nullptr) return -1;
+  int count = 0;
+  while (dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
+  ::closedir(directory);
+  return count;
 }
 
 const char* StateName(uint16_t state) {
@@ -261,6 +275,9 @@ void* ChaosEntry(uint64_t) {
   if (stopped && after > g_descriptors) {
     Fail("descriptors: %d open before the workers started, %d at the end", g_descriptors, after);
   }
+  const int queues = PosixQueues();
+  if (queues != g_queues) Fail("message queues: %d before the workers started, %d at the end", g_queues, queues);
+  g_end = {after, queues};
   Finish(true);
   return nullptr;
 }
@@ -275,6 +292,8 @@ void Define() {
     worker.expendable = i % 6 == 5;
   }
   for (Family* family : Families()) family->create();
+  g_queues = PosixQueues();
+  if (g_options.mqueueDir != nullptr && g_queues < 0) Fail("cannot read %s", g_options.mqueueDir);
   // A descriptor in flight (a reply pipe of the timer thread) may be open at
   // any one look: the baseline is the least of a few.
   g_descriptors = OpenDescriptors();
@@ -334,6 +353,15 @@ void Finish(bool summary) {
                   c.maxOvershoot.load());
       if (family->report != nullptr) family->report();
     }
+    if (g_end.descriptors >= 0) {
+      std::printf("  descriptors: %d at the start, %d at the end; host message queues: ", g_descriptors,
+                  g_end.descriptors);
+      if (g_queues < 0) {
+        std::printf("not counted (no --mqueue-dir)\n");
+      } else {
+        std::printf("%d at the start, %d at the end\n", g_queues, g_end.queues);
+      }
+    }
     std::printf("  chaos: %" PRIu64 " suspensions, %" PRIu64 " wait aborts, %" PRIu64 " priority changes, %" PRIu64
                 " thread restarts\n",
                 g_chaosCounts.suspends, g_chaosCounts.aborts, g_chaosCounts.priorities, g_chaosCounts.restarts);
@@ -368,6 +396,26 @@ LX_STATUS Timed(Worker& self, const char* op, uint32_t wait, Counts& counts, LX_
   return status;
 }
 
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - g_start).count();
+}
+
+bool Gate::Close(int ticks, const std::function<void()>& nudge) {
+  closed_ = true;
+  for (int i = 0; i < ticks && inside_.load() != 0; ++i) {
+    if (nudge) nudge();
+    _lx_ThreadSleep(1);
+  }
+  return inside_.load() == 0;
+}
+
+bool Due(int64_t& last, int64_t periodMs) {
+  const int64_t now = NowMs();
+  if (now - last < periodMs) return false;
+  last = now;
+  return true;
+}
+
 uint32_t RandomWait(Worker& self) {
   switch (self.rng() % 10) {
     case 0:
@@ -393,8 +441,12 @@ int main(int argc, char** argv) {
       g_options.marginTicks = std::atoi(arg + 15);
     } else if (std::strcmp(arg, "--hold-on-failure") == 0) {
       g_options.holdOnFailure = true;
+    } else if (std::strncmp(arg, "--mqueue-dir=", 13) == 0) {
+      g_options.mqueueDir = arg + 13;
     } else {
-      std::fprintf(stderr, "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure] [--mqueue-dir=D]\n",
+                   argv[0]);
       return 2;
     }
   }
