@@ -3,10 +3,13 @@
 // or two owners of one mutex.
 //
 //   soak [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure]
-//        [--mqueue-dir=D]
+//        [--mqueue-dir=D] [--inject=FAULT]
 //
 // --hold-on-failure keeps the process as it is at the first hang or lost
-// wake-up, for a debugger, instead of ending it.
+// wake-up, for a debugger, instead of ending it. --inject makes one fault on
+// purpose (hang, lost-wake-up, descriptor, block-leak, byte-leak,
+// semaphore-ledger, lose-message, duplicate-message, mutual-exclusion): the
+// run must then fail with the matching report. The test suite runs each.
 //
 // 46 worker threads draw random operations on shared objects of every class,
 // with no-wait, finite and endless waits; one chaos thread suspends,
@@ -156,6 +159,13 @@ void* Watchdog(void*) {
 
 void* WorkerEntry(uint64_t input) {
   Worker& self = g_workers[input];
+  if (self.index == 0 && InjectOnce("hang")) {  // a finite wait that never ends
+    Counts none;
+    Timed(self, "injected wait", 2, none, LX_SUCCESS, [] {
+      for (;;) ::pause();
+      return LX_SUCCESS;
+    });
+  }
   while (!g_stop.load()) {
     std::vector<Family*>& families = Families();
     Family& family = *families[self.rng() % families.size()];
@@ -262,6 +272,7 @@ void* ChaosEntry(uint64_t) {
     Chaos(rng);
     _lx_ThreadSleep(static_cast<uint32_t>(rng() % 3));
   }
+  if (InjectOnce("descriptor")) ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // never closed
   const bool stopped = StopWorkers();
   for (Family* family : Families()) {
     if (family->finalCheck != nullptr) family->finalCheck();
@@ -400,6 +411,13 @@ int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - g_start).count();
 }
 
+bool Injecting(const char* fault) { return g_options.inject != nullptr && std::strcmp(g_options.inject, fault) == 0; }
+
+bool InjectOnce(const char* fault) {
+  static std::atomic<bool> done{false};
+  return Injecting(fault) && !done.exchange(true);
+}
+
 bool Gate::Close(int ticks, const std::function<void()>& nudge) {
   closed_ = true;
   for (int i = 0; i < ticks && inside_.load() != 0; ++i) {
@@ -443,9 +461,12 @@ int main(int argc, char** argv) {
       g_options.holdOnFailure = true;
     } else if (std::strncmp(arg, "--mqueue-dir=", 13) == 0) {
       g_options.mqueueDir = arg + 13;
+    } else if (std::strncmp(arg, "--inject=", 9) == 0) {
+      g_options.inject = arg + 9;
     } else {
       std::fprintf(stderr,
-                   "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure] [--mqueue-dir=D]\n",
+                   "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure] [--mqueue-dir=D]"
+                   " [--inject=FAULT]\n",
                    argv[0]);
       return 2;
     }

@@ -19,6 +19,7 @@ struct Options {
   int marginTicks = 300;  // how far a wait may overstay before it is a hang
   bool holdOnFailure = false;
   const char* mqueueDir = nullptr;  // a mount of the IPC namespace's message queues, to count them
+  const char* inject = nullptr;     // a fault the soak makes itself, to show that a check catches it
 };
 extern Options g_options;
 extern std::atomic<bool> g_stop;
@@ -76,6 +77,10 @@ LX_STATUS Timed(Worker& self, const char* op, uint32_t wait, Counts& counts, LX_
                 const std::function<LX_STATUS()>& call);
 // LX_NO_WAIT, a few ticks, or LX_WAIT_FOREVER.
 uint32_t RandomWait(Worker& self);
+// Self-test: whether the run was asked to make this fault (--inject=NAME);
+// InjectOnce answers true at most once in the run.
+bool Injecting(const char* fault);
+bool InjectOnce(const char* fault);
 // Milliseconds since the program started.
 int64_t NowMs();
 

@@ -106,6 +106,10 @@ void BlockWork(Worker& self) {
   }
   if (got == LX_SUCCESS) {
     Use(self, block, kBlockSize, "block pool");
+    if (stable && InjectOnce("block-leak")) {
+      g_blockGate.Leave();
+      return;
+    }
     const LX_STATUS released = _lx_BlockRelease(block);
     if (stable) {
       Expect(released, {LX_SUCCESS}, "block release");
@@ -236,6 +240,10 @@ void ByteWork(Worker& self) {
     if (stable) ++g_byteHolders;
     Use(self, memory, size, "byte pool");
     if (stable) --g_byteHolders;
+    if (stable && InjectOnce("byte-leak")) {
+      g_byteGate.Leave();
+      return;
+    }
     const LX_STATUS released = _lx_ByteRelease(memory);
     if (stable) {
       Expect(released, {LX_SUCCESS}, "byte release");

@@ -89,11 +89,13 @@ void Received(Queue& queue, const Message& message) {
     Fail("%s: received a corrupt message (id %" PRIu64 ", queue %" PRIu32 ")", queue.name, message.id, message.queue);
     return;
   }
+  if (InjectOnce("lose-message")) return;
   switch (StateOf(message.id).exchange(kReceived)) {
     case kReceived: Fail("%s: message %" PRIu64 " received twice", queue.name, message.id); break;
     case kUnused: Fail("%s: message %" PRIu64 " received but never sent", queue.name, message.id); break;
     default: ++queue.received;
   }
+  if (InjectOnce("duplicate-message")) Received(queue, message);
 }
 
 // How the two kinds of queue are driven.

@@ -14,6 +14,7 @@
 // forever get whose flags are present must have been released (lost
 // wake-up). At the end no wait is armed.
 #include <semaphore.h>
+#include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -48,7 +49,7 @@ int64_t Expected(const Semaphore& semaphore) {
 }
 
 void Put(Semaphore& semaphore) {
-  ++semaphore.puts;
+  if (!InjectOnce("semaphore-ledger")) ++semaphore.puts;
   Expect(_lx_SemaphorePut(&semaphore.handle), {LX_SUCCESS}, "semaphore put");
 }
 
@@ -179,6 +180,10 @@ void EventGet(Worker& self, Group& group) {
     ++group.instance[self.index];
     group.option[self.index] = option;
     group.wanted[self.index] = requested;
+    if (InjectOnce("lost-wake-up")) {  // flags set for a wait that never returns
+      _lx_EventFlagsSet(&group.handle, requested, LX_OR);
+      for (;;) ::pause();
+    }
   }
   uint32_t actual = 0;
   const LX_STATUS got = Timed(self, "event flags get", wait, g_eventCounts, LX_NO_EVENTS,
