@@ -21,10 +21,9 @@ int32_t S_i32MutexIndex = 0;
 
 namespace {
 
-HandleRegistry& Mutexes() noexcept {
-  static HandleRegistry registry(S_paMutex, S_i32MutexIndex);
-  return registry;
-}
+constinit HandleRegistry g_mutexes(S_paMutex, S_i32MutexIndex);
+
+HandleRegistry& Mutexes() noexcept { return g_mutexes; }
 
 MutexControlBlock* MutexOf(void* handle) noexcept {
   return handle != nullptr
