@@ -23,6 +23,9 @@
 
 #include "quorvin/quorvin.h"
 
+extern "C" int FloorSemaphorePut(sem_t** handle);  // call_floor.c
+extern "C" int FloorSemaphoreTryGet(sem_t** handle);
+
 namespace {
 
 int g_rounds = 15;
@@ -168,6 +171,10 @@ int main(int argc, char** argv) {
   Compare("_lx_SemaphorePut + Get(LX_NO_WAIT)", "sem_post + sem_trywait", 1.3, kFast,
           [&] { for (long i = 0; i < kFast; ++i) { _lx_SemaphorePut(&sem); _lx_SemaphoreGet(&sem, LX_NO_WAIT); } },
           [] { for (long i = 0; i < kFast; ++i) { sem_post(&g_rawSem[0]); sem_trywait(&g_rawSem[0]); } });
+  sem_t* floorSem = &g_rawSem[0];
+  Compare("  the same", "a minimal wrapper in a .so", 0, kFast,
+          [&] { for (long i = 0; i < kFast; ++i) { _lx_SemaphorePut(&sem); _lx_SemaphoreGet(&sem, LX_NO_WAIT); } },
+          [&] { for (long i = 0; i < kFast; ++i) { FloorSemaphorePut(&floorSem); FloorSemaphoreTryGet(&floorSem); } });
 
   static LX_EVENT_FLAGS groups[50];
   for (LX_EVENT_FLAGS& g : groups) _lx_EventFlagsCreate(&g, "bench");
