@@ -87,26 +87,7 @@ echo
 echo "quorvin benchmarks, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPUs, $(uname -m)$([ "$quick" = 1 ] && echo ', QUICK RUN: figures not meaningful')"
 for name in request_bench sync_bench queue_latency queue_throughput mutex_bench tick_bench thread_memory_bench; do
   [ -f "$logs/$name.log" ] && grep '^RESULT	' "$logs/$name.log" || true
-done | awk -F '\t' '
-  function show(v, unit) {
-    if (v == "-") return "-"
-    return sprintf(v + 0 >= 100 ? "%.0f %s" : "%.2f %s", v, unit)
-  }
-  BEGIN {
-    rule = sprintf("%130s", ""); gsub(/ /, "-", rule)
-    print rule
-    printf "%-46s %14s  %-32s %14s %7s  %-11s %s\n", "figure", "value", "baseline (same run)", "value", "ratio", "target", "result"
-    print rule
-  }
-  {
-    printf "%-46s %14s  %-32s %14s %7s  %-11s %s\n", $2, show($3, $4), $5, show($6, $4), $7, $8, $9
-    rows++
-    if ($9 == "FAIL") fails++
-  }
-  END {
-    print rule
-    printf "%d figures, %d targets missed\n", rows, fails
-  }'
+done | awk -F '\t' -f "$here/table.awk"
 if [ -n "$failed" ]; then
   echo "NOT RUN:$failed (their logs are in $logs)"
   exit 1
