@@ -20,7 +20,7 @@ namespace quorvin::detail {
 // std::lock_guard / std::unique_lock over a pthread mutex.
 class PosixMutex {
  public:
-  explicit PosixMutex(pthread_mutex_t& mutex) noexcept : mutex_(mutex) {}
+  constexpr explicit PosixMutex(pthread_mutex_t& mutex) noexcept : mutex_(mutex) {}
   PosixMutex(const PosixMutex&) = delete;
   PosixMutex& operator=(const PosixMutex&) = delete;
   void lock() noexcept { pthread_mutex_lock(&mutex_); }
@@ -40,26 +40,41 @@ class PosixMutex {
 // (thread/create.cpp, beside the signal handler).
 void RunDeferredSuspension() noexcept;
 
-// A section that holds, or may take, a system lock. Inside it the thread can
-// neither be cancelled (it would leave the lock held for good) nor suspended:
-// a thread suspended while it held the component-manager lock would stall the
-// dispatcher and every requester, its suspender included. A suspension that
-// arrives meanwhile takes effect when the outermost section ends.
-class SystemSection {
+// A section in which the thread cannot be suspended: a thread suspended while
+// it held a system lock would stall everyone who needs the lock, its
+// suspender included. A suspension that arrives meanwhile takes effect when
+// the outermost section ends. On its own it suits a section that holds a lock
+// but reaches no cancellation point (nothing in it can cancel the thread).
+class NoSuspendSection {
  public:
-  SystemSection() noexcept {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_);
-    ++t_systemSections;
-  }
-  ~SystemSection() {
+  NoSuspendSection() noexcept { ++t_systemSections; }
+  ~NoSuspendSection() {
     if (--t_systemSections == 0 && t_suspensionDeferred) RunDeferredSuspension();
-    pthread_setcancelstate(previous_, nullptr);
   }
-  SystemSection(const SystemSection&) = delete;
-  SystemSection& operator=(const SystemSection&) = delete;
+  NoSuspendSection(const NoSuspendSection&) = delete;
+  NoSuspendSection& operator=(const NoSuspendSection&) = delete;
+};
+
+// Cancellation held off for the scope.
+class NoCancelScope {
+ public:
+  NoCancelScope() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
+  ~NoCancelScope() { pthread_setcancelstate(previous_, nullptr); }
+  NoCancelScope(const NoCancelScope&) = delete;
+  NoCancelScope& operator=(const NoCancelScope&) = delete;
 
  private:
   int previous_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// A section that holds, or may take, a system lock and may reach a
+// cancellation point: the thread can neither be cancelled (it would leave the
+// lock held for good) nor suspended. A deferred suspension is served while
+// cancellation is still held off.
+class SystemSection {
+ private:
+  NoCancelScope noCancel_;  // declared first: ends last
+  NoSuspendSection noSuspend_;
 };
 
 // --- Globals of the request engine (cm/request.cpp) and sleep agent. ---

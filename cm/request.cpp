@@ -36,10 +36,11 @@ int32_t S_i32CmPIPE[2] = {-1, -1};
 int8_t S_i8CmIdle = 1;
 pthread_t S_sCmThread;
 
-PosixMutex& CmLock() noexcept {
-  static PosixMutex lock(S_sCmLock);
-  return lock;
-}
+namespace {
+constinit PosixMutex g_cmLock(S_sCmLock);
+}  // namespace
+
+PosixMutex& CmLock() noexcept { return g_cmLock; }
 
 namespace {
 

@@ -20,10 +20,9 @@ namespace {
 
 using BlockPools = PoolFamily<BlockPoolControlBlock>;
 
-BlockPools& Family() noexcept {
-  static BlockPools family(S_paBlockPool, S_i32BlockPoolIndex, CM_CLASS_BLOCK_POOL, kBlockHeader);
-  return family;
-}
+constinit BlockPools g_family(S_paBlockPool, S_i32BlockPoolIndex, CM_CLASS_BLOCK_POOL, kBlockHeader);
+
+BlockPools& Family() noexcept { return g_family; }
 
 // The pool size must be a whole number of blocks, and a block plus 8 bytes
 // must fit in the pool rounded down to 8 (block size 0 never does).

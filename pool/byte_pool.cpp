@@ -22,10 +22,9 @@ namespace {
 
 using BytePools = PoolFamily<BytePoolControlBlock>;
 
-BytePools& Family() noexcept {
-  static BytePools family(S_paBytePool, S_i32BytePoolIndex, CM_CLASS_BYTE_POOL, kByteHeader);
-  return family;
-}
+constinit BytePools g_family(S_paBytePool, S_i32BytePoolIndex, CM_CLASS_BYTE_POOL, kByteHeader);
+
+BytePools& Family() noexcept { return g_family; }
 
 constexpr uint32_t kSmallestPool = 100;
 

@@ -43,7 +43,7 @@ inline bool IsSystemThread(LX_THREAD* caller) noexcept { return TcbOf(caller) !=
 template <typename Pool>
 class PoolFamily {
  public:
-  PoolFamily(void** slots, int32_t& count, uint16_t classCode, size_t header) noexcept
+  constexpr PoolFamily(void** slots, int32_t& count, uint16_t classCode, size_t header) noexcept
       : registry_(slots, count), class_(classCode), header_(header) {}
 
   // --- Both sides. ---

@@ -1,8 +1,9 @@
 // Event-flag groups: the _lx_EventFlags services, served in the calling
 // thread.
 //
-// Each group has its own lock, sLock, which guards the direct side's waiter
-// records and the arming of waits; no other lock is ever taken with it. A get
+// Each group has its own lock, sLock, which guards the flags, the direct
+// side's waiter records and the arming of waits; the direct side takes no
+// other lock with it (the dispatcher's class takes it under S_sCmLock). A get
 // that must wait arms its thread's record (made once per thread and group),
 // raises u32WaitCount and sleeps on the record's semaphore without the lock.
 // A set updates the flags and, while waits are armed, tests every record in
@@ -12,9 +13,9 @@
 // without a post withdraws under sLock (see AwaitSet), so no post outlives
 // the wait it was meant for.
 //
-// Words read without sLock: the flags (the dispatcher's event-flag class
-// changes them too), u32WaitCount and psFirstWaiter (info-get), and
-// u32ActualFlags (the woken thread) are accessed atomically.
+// Words read without sLock: the flags, u32WaitCount and psFirstWaiter
+// (info-get, the dispatcher's status checking), and u32ActualFlags (the
+// woken thread) are accessed atomically.
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -28,10 +29,11 @@ namespace quorvin::detail {
 void* S_paEventFlags[kRegistrySlots] = {};
 int32_t S_i32EventFlagsIndex = 0;
 
-HandleRegistry& EventFlagGroups() noexcept {
-  static HandleRegistry registry(S_paEventFlags, S_i32EventFlagsIndex);
-  return registry;
-}
+namespace {
+constinit HandleRegistry g_groups(S_paEventFlags, S_i32EventFlagsIndex);
+}  // namespace
+
+HandleRegistry& EventFlagGroups() noexcept { return g_groups; }
 
 EventFlagsControlBlock* FindGroup(void* handle) noexcept {
   if (!EventFlagGroups().Contains(handle)) return nullptr;
@@ -57,17 +59,6 @@ void RetireGroup(void* handle, EventFlagsControlBlock* group) noexcept {
 namespace {
 
 constexpr uint16_t kClearBit = 0x1;  // get option: clear the requested flags on success
-
-// The direct side's lock, with cancellation held off while it is held.
-class GroupLock {
- public:
-  explicit GroupLock(EventFlagsControlBlock& group) noexcept : mutex_(group.sLock), guard_(mutex_) {}
-
- private:
-  SystemSection section_;
-  PosixMutex mutex_;
-  std::lock_guard<PosixMutex> guard_;
-};
 
 EventFlagsWaiter* FirstWaiter(EventFlagsControlBlock& group) noexcept {
   return std::atomic_ref<EventFlagsWaiter*>(group.psFirstWaiter).load(std::memory_order_acquire);
@@ -180,12 +171,12 @@ LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint
 // Wakes every armed record the flags satisfy, in list order. sLock held.
 void ReleaseSatisfiedLocked(EventFlagsControlBlock& group) noexcept {
   for (EventFlagsWaiter* waiter = group.psFirstWaiter; waiter != nullptr; waiter = waiter->psNext) {
-    const uint32_t flags = CurrentFlags(group).load(std::memory_order_relaxed);
+    const uint32_t flags = LoadFlags(group);
     if (EventFlagCmp(flags, waiter->u32RequestedFlags, waiter->u16GetOption) == 0) continue;
     LowerWaitCountLocked(group);
     StoreRelaxed(waiter->u32ActualFlags, flags);
     if ((waiter->u16GetOption & kClearBit) != 0) {
-      CurrentFlags(group).fetch_and(~waiter->u32RequestedFlags, std::memory_order_relaxed);
+      StoreFlags(group, flags & ~waiter->u32RequestedFlags);
     }
     waiter->u32RequestedFlags = 0;
     sem_post(&waiter->sSemaphore);
@@ -244,10 +235,10 @@ LX_STATUS _lx_EventFlagsGet(LX_EVENT_FLAGS* psGroup, uint32_t u32RequestedFlags,
   EventFlagsWaiter* waiter = nullptr;
   {
     GroupLock lock(*group);
-    const uint32_t flags = CurrentFlags(*group).load(std::memory_order_relaxed);
+    const uint32_t flags = LoadFlags(*group);
     if (EventFlagCmp(flags, u32RequestedFlags, u16GetOption) != 0) {
       *pu32ActualFlags = flags;
-      if ((u16GetOption & kClearBit) != 0) CurrentFlags(*group).fetch_and(~u32RequestedFlags, std::memory_order_relaxed);
+      if ((u16GetOption & kClearBit) != 0) StoreFlags(*group, flags & ~u32RequestedFlags);
       return LX_SUCCESS;
     }
     if (u32WaitOption == LX_NO_WAIT) return LX_NO_EVENTS;
@@ -262,11 +253,8 @@ LX_STATUS _lx_EventFlagsSet(LX_EVENT_FLAGS* psGroup, uint32_t u32Flags, uint16_t
   if (group == nullptr) return LX_GROUP_ERROR;
   if (u16SetOption != LX_OR && u16SetOption != LX_AND) return LX_OPTION_ERROR;
   GroupLock lock(*group);
-  if (u16SetOption == LX_AND) {
-    CurrentFlags(*group).fetch_and(u32Flags, std::memory_order_relaxed);
-  } else {
-    CurrentFlags(*group).fetch_or(u32Flags, std::memory_order_relaxed);
-  }
+  const uint32_t flags = LoadFlags(*group);
+  StoreFlags(*group, u16SetOption == LX_AND ? flags & u32Flags : flags | u32Flags);
   if (LoadRelaxed(group->u32WaitCount) != 0) ReleaseSatisfiedLocked(*group);
   return LX_SUCCESS;
 }
@@ -283,7 +271,7 @@ LX_STATUS _lx_EventFlagsInfoGet(LX_EVENT_FLAGS* psGroup, char** ppcName, uint32_
   // No lock: the values may come from the middle of a set.
   const EventFlagsWaiter* first = FirstWaiter(*group);
   *ppcName = group->acName;
-  *pu32CurrentFlags = CurrentFlags(*group).load(std::memory_order_relaxed);
+  *pu32CurrentFlags = LoadFlags(*group);
   *ppsFirstSuspended = first != nullptr ? first->psThread : nullptr;
   *pu32SuspendedCount = LoadRelaxed(group->u32WaitCount);
   *ppsNextGroup = nullptr;

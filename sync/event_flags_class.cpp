@@ -1,8 +1,9 @@
 // The dispatcher's event-flag class (0x30): gets, sets and deletes on the
 // same groups as the direct services, served on the dispatcher thread with
-// S_sCmLock held. Waiting gets hang on the group's suspend list; the group's
-// sLock and the direct side's waiter records are never touched here (only a
-// delete tears them down), and the flags are changed atomically.
+// S_sCmLock held. Waiting gets hang on the group's suspend list. The flags
+// are read and changed under the group's sLock, taken briefly under
+// S_sCmLock; the direct side's waiter records are never touched here (only a
+// delete tears them down).
 //
 // This class's matching rule differs from EventFlagCmp: an all-flags request
 // of 0 is satisfied at once, an any-flag request of 0 never, and clearing
@@ -43,14 +44,17 @@ EventFlagsControlBlock* DispatchedGroup(CmServiceRequest& request) noexcept {
 }
 
 // Takes the flags for a get when they satisfy it: stores them through its
-// pvData and, for a clearing get, empties the group (the flags taken are
-// exactly the flags cleared, even against a concurrent direct set).
+// pvData and, for a clearing get, empties the group (under the group's lock,
+// so the flags taken are exactly the flags cleared, even against a
+// concurrent direct set).
 bool TakeIfSatisfied(EventFlagsControlBlock& group, CmServiceRequest& get) noexcept {
-  std::atomic_ref<uint32_t> current = CurrentFlags(group);
-  uint32_t flags = current.load(std::memory_order_relaxed);
-  do {
+  uint32_t flags = 0;
+  {
+    GroupLock lock(group);
+    flags = LoadFlags(group);
     if (!Satisfied(get.u64Value, get.u64Option, flags)) return false;
-  } while ((get.u64Option & kClearBit) != 0 && !current.compare_exchange_weak(flags, 0, std::memory_order_relaxed));
+    if ((get.u64Option & kClearBit) != 0) StoreFlags(group, 0);
+  }
   *static_cast<uint32_t*>(get.pvData) = flags;
   return true;
 }
@@ -95,10 +99,13 @@ void Set(CmServiceRequest& request) noexcept {
   if (group == nullptr) return;
   const auto flags = static_cast<uint32_t>(request.u64Value);
   uint16_t status = LX_SUCCESS;
-  switch (request.u64Option & kSetOptionMask) {
-    case LX_OR: CurrentFlags(*group).fetch_or(flags, std::memory_order_relaxed); break;
-    case LX_AND: CurrentFlags(*group).fetch_and(flags, std::memory_order_relaxed); break;
-    default: status = LX_OPTION_ERROR;  // flags unchanged; the waiters are still examined
+  {
+    GroupLock lock(*group);
+    switch (request.u64Option & kSetOptionMask) {
+      case LX_OR: StoreFlags(*group, LoadFlags(*group) | flags); break;
+      case LX_AND: StoreFlags(*group, LoadFlags(*group) & flags); break;
+      default: status = LX_OPTION_ERROR;  // flags unchanged; the waiters are still examined
+    }
   }
   CompleteLocked(request, status);  // the setter goes before any waiter
   if (group->sSuspendCtrl.i32SuspendCount > 0) ReleaseSatisfied(*group);
@@ -156,7 +163,7 @@ int32_t CM_EventFlagsStatusChecking(CmServiceRequest* psRequest) {
     psRequest->u16Status = LX_GROUP_ERROR;
     return 0;
   }
-  const uint32_t flags = CurrentFlags(*group).load(std::memory_order_relaxed);
+  const uint32_t flags = LoadFlags(*group);
   psRequest->u16Status = Satisfied(psRequest->u64Value, psRequest->u64Option, flags) ? LX_SUCCESS : LX_NO_EVENTS;
   return 0;
 }

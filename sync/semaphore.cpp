@@ -28,10 +28,28 @@ void LogNotImplemented(const char* service) noexcept {
   DiagLog(kLogLevel, kLogFlag, "%s is not implement\n", service);
 }
 
+// A get on a NULL handle word is logged and takes nothing.
+[[gnu::noinline, gnu::cold]] LX_STATUS InvalidGet() noexcept {
+  DiagLog(kLogLevel, kLogFlag, "%s: Invalid sempaphore to return! sem %p", "_lx_SemaphoreGet", static_cast<void*>(nullptr));
+  return LX_SUCCESS;
+}
+
 // Status of a POSIX wait that returned its errno (0: success).
 LX_STATUS WaitStatus(int error) noexcept {
   if (error == 0) return LX_SUCCESS;
   return error == EAGAIN || error == ETIMEDOUT ? LX_NO_INSTANCE : LX_SEMAPHORE_ERROR;
+}
+
+// A get that may wait (kept out of line, so the no-wait get stays short).
+// Not noexcept: a terminate may cancel the thread in the wait.
+[[gnu::noinline]] LX_STATUS WaitingGet(LX_SEMAPHORE* handle, uint32_t wait) {
+  if (CallerIsTimerThread()) return LX_WAIT_ERROR;
+  sem_t* semaphore = SemaphoreOf(handle);
+  if (semaphore == nullptr) return InvalidGet();
+  if (wait == LX_WAIT_FOREVER) return WaitStatus(RetryInterrupted([&] { return sem_wait(semaphore); }));
+  timespec deadline{};
+  if (!DeadlineInTicks(wait, deadline)) return LX_SEMAPHORE_ERROR;
+  return WaitStatus(RetryInterrupted([&] { return sem_timedwait(semaphore, &deadline); }));
 }
 
 }  // namespace
@@ -56,18 +74,10 @@ LX_STATUS _lx_SemaphoreCreate(LX_SEMAPHORE* psSemaphore, const char*, uint32_t u
 LX_STATUS _lx_SemaphoreGet(LX_SEMAPHORE* psSemaphore, uint32_t u32WaitOption) {
   if (psSemaphore == nullptr) return LX_SEMAPHORE_ERROR;
   // Only a get that may wait needs to know its caller.
-  if (u32WaitOption != LX_NO_WAIT && CallerIsTimerThread()) return LX_WAIT_ERROR;
+  if (u32WaitOption != LX_NO_WAIT) return WaitingGet(psSemaphore, u32WaitOption);
   sem_t* semaphore = SemaphoreOf(psSemaphore);
-  if (semaphore == nullptr) {
-    DiagLog(kLogLevel, kLogFlag, "%s: Invalid sempaphore to return! sem %p", "_lx_SemaphoreGet",
-            static_cast<void*>(semaphore));
-    return LX_SUCCESS;
-  }
-  if (u32WaitOption == LX_NO_WAIT) return WaitStatus(RetryInterrupted([&] { return sem_trywait(semaphore); }));
-  if (u32WaitOption == LX_WAIT_FOREVER) return WaitStatus(RetryInterrupted([&] { return sem_wait(semaphore); }));
-  timespec deadline{};
-  if (!DeadlineInTicks(u32WaitOption, deadline)) return LX_SEMAPHORE_ERROR;
-  return WaitStatus(RetryInterrupted([&] { return sem_timedwait(semaphore, &deadline); }));
+  if (semaphore == nullptr) return InvalidGet();
+  return WaitStatus(RetryInterrupted([&] { return sem_trywait(semaphore); }));
 }
 
 LX_STATUS _lx_SemaphorePut(LX_SEMAPHORE* psSemaphore) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 
 #include "cm/cm_internal.h"
 #include "cm/registry.h"
@@ -26,10 +27,25 @@ EventFlagsControlBlock* FindGroup(void* handle) noexcept;
 // frees it. Nobody may be inside a direct service on the group.
 void RetireGroup(void* handle, EventFlagsControlBlock* group) noexcept;
 
-// u32CurrentFlags is changed by both sides (the direct side under sLock, the
-// dispatcher side without it): always atomically.
-inline std::atomic_ref<uint32_t> CurrentFlags(EventFlagsControlBlock& group) noexcept {
-  return std::atomic_ref<uint32_t>(group.u32CurrentFlags);
+// A group's lock, sLock. Both sides change u32CurrentFlags only under it (the
+// dispatcher's class under S_sCmLock, so the order is S_sCmLock, then sLock);
+// info-get and status checking read the flags without it. The thread is not
+// suspended while it holds the lock, and nothing done under it is a
+// cancellation point, so cancellation needs no holding off.
+class GroupLock {
+ public:
+  explicit GroupLock(EventFlagsControlBlock& group) noexcept : mutex_(group.sLock), guard_(mutex_) {}
+
+ private:
+  NoSuspendSection section_;
+  PosixMutex mutex_;
+  std::lock_guard<PosixMutex> guard_;
+};
+
+inline uint32_t LoadFlags(const EventFlagsControlBlock& group) noexcept { return LoadRelaxed(group.u32CurrentFlags); }
+// sLock held.
+inline void StoreFlags(EventFlagsControlBlock& group, uint32_t flags) noexcept {
+  StoreRelaxed(group.u32CurrentFlags, flags);
 }
 
 // --- Dispatcher entries (dispatcher thread, S_sCmLock held). ---

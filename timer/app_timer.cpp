@@ -25,10 +25,9 @@ TimerControlBlock* S_paTimerTable[LX_TIMER_TABLE_SLOTS] = {};
 
 constexpr int32_t kMaxTimers = LX_TIMER_TABLE_SLOTS - 1;  // the slot after the last stays NULL
 
-PosixMutex& TimerLock() noexcept {
-  static PosixMutex lock(S_sTimerLock);
-  return lock;
-}
+constinit PosixMutex g_timerLock(S_sTimerLock);
+
+PosixMutex& TimerLock() noexcept { return g_timerLock; }
 
 // Index of the last occurrence of the block in the table, or -1. Timer lock held.
 int32_t FindLocked(const TimerControlBlock* timer) noexcept {

@@ -1,6 +1,14 @@
 // The platform layer when the platform brings no logging library.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <thread>
+
 #include <gtest/gtest.h>
 
+#include "cm/cm_internal.h"
 #include "kernel/deadline.h"
 #include "kernel/platform.h"
 
@@ -24,6 +32,57 @@ TEST(PlatformTest, WithoutThePlatformLogEachDiagnosticIsOneLineOnStandardError) 
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "_lx_SemaphoreGet: Invalid sempaphore to return! sem (nil)\n"
             "Error in QueueReceive Line :269\n");
+}
+
+TEST(PlatformTest, AFallbackLineTooLongForItsBufferIsCutButStillEndsTheLine) {
+  const std::string text(3000, 'x');
+  ::testing::internal::CaptureStderr();
+  DiagLog(3, 1, "%s", text.c_str());
+  const std::string line = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(line, std::string(1022, 'x') + "\n");
+}
+
+// The wake and reply bytes: a full non-blocking pipe is waited on, not spun
+// on or given up; end of file and a dead descriptor report failure at once.
+TEST(PlatformTest, OneByteMovesWaitOnAFullPipeAndFailOnAClosedOrDeadOne) {
+  std::signal(SIGPIPE, SIG_IGN);
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_NONBLOCK), 0);
+  int queued = 0;
+  while (::write(ends[1], "f", 1) == 1) ++queued;
+  std::thread drainer([&] {
+    ::usleep(20000);
+    char page[4096];  // a full pipe takes writes again once a page is free
+    ASSERT_EQ(::read(ends[0], page, sizeof page), static_cast<ssize_t>(sizeof page));
+  });
+  EXPECT_TRUE(MoveOneByte(ends[1], true));  // waits until the drainer makes room
+  drainer.join();
+  for (int i = 4096; i < queued + 1; ++i) ASSERT_TRUE(MoveOneByte(ends[0], false));
+  std::thread filler([&] {
+    ::usleep(20000);
+    ASSERT_EQ(::write(ends[1], "g", 1), 1);
+  });
+  EXPECT_TRUE(MoveOneByte(ends[0], false));  // empty: waits for the byte
+  filler.join();
+
+  ::close(ends[1]);
+  EXPECT_FALSE(MoveOneByte(ends[0], false));  // end of file
+  ::close(ends[0]);
+  EXPECT_FALSE(MoveOneByte(ends[0], false));  // EBADF
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  EXPECT_FALSE(MoveOneByte(ends[1], true));  // EPIPE: nobody reads
+  WriteAll(ends[1], "lost", 4);               // returns rather than retries
+  ::close(ends[1]);
+}
+
+TEST(PlatformTest, KeptBlocksAreListedBeyondTheFirstAllocation) {
+  static int blocks[300];
+  for (int& block : blocks) KeepBlock(&block);
+  for (int i = 299; i >= 0; i -= 2) DropBlock(&blocks[i]);
+  DropBlock(&blocks[1]);  // already dropped: nothing happens
+  for (int i = 0; i < 300; i += 2) DropBlock(&blocks[i]);
+  SUCCEED() << "no crash and no leak report under the sanitizers";
 }
 
 }  // namespace
