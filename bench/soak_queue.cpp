@@ -18,6 +18,7 @@
 // send or receive leaves its message's fate unknown.
 #include <mqueue.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>

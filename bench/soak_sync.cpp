@@ -200,7 +200,9 @@ void EventGet(Worker& self, Group& group) {
 void EventWork(Worker& self) {
   Group& group = g_groups[self.rng() % kGroups];
   switch (self.rng() % 3) {
-    case 0: Expect(_lx_EventFlagsSet(&group.handle, SomeFlags(self.rng), LX_OR), {LX_SUCCESS}, "event flags set"); break;
+    case 0:
+      Expect(_lx_EventFlagsSet(&group.handle, SomeFlags(self.rng), LX_OR), {LX_SUCCESS}, "event flags set");
+      break;
     case 1:
       Expect(_lx_EventFlagsSet(&group.handle, static_cast<uint32_t>(self.rng()), LX_AND), {LX_SUCCESS},
              "event flags clear");
