@@ -119,18 +119,21 @@ uint16_t StateOf(LX_THREAD* handle) {
 void DumpWorkers() {
   for (Worker& worker : g_workers) {
     const char* op = worker.op.load();
-    std::fprintf(stderr, "  %-8s state %-16s op %-28s wait %10" PRIu32 " for %" PRId64 " ms\n", worker.name,
-                 StateName(StateOf(&worker.handle)), op != nullptr ? op : "-", worker.wait.load(),
-                 op != nullptr ? NowMs() - worker.since.load() : 0);
+    std::fprintf(stderr, "  %-8s %-8s state %-16s op %-28s wait %10" PRIu32 " for %" PRId64 " ms\n", worker.name,
+                 worker.finished.load() ? "ended" : "running", StateName(StateOf(&worker.handle)),
+                 op != nullptr ? op : "-", worker.wait.load(), op != nullptr ? NowMs() - worker.since.load() : 0);
   }
 }
 
-// Hang: a finite wait that has overstayed its ticks by more than the margin.
-// Lost wake-up: an object that keeps waiters while it could serve them.
+// Hang: a finite wait (or a call that never waits, wait 0) that has
+// overstayed its ticks by more than the margin; looked for until the process
+// ends, so a worker that hangs while the workers are being stopped is named.
+// Lost wake-up: an object that keeps waiters while it could serve them;
+// looked for until the workers are stopped.
 void* Watchdog(void*) {
   std::vector<int> strikes(Families().size(), 0);
   const int64_t margin = int64_t{g_options.marginTicks} * 10;
-  while (!g_stop.load()) {
+  for (;;) {
     ::usleep(100 * 1000);
     for (Worker& worker : g_workers) {
       const char* op = worker.op.load();
@@ -144,7 +147,7 @@ void* Watchdog(void*) {
         Finish(false);
       }
     }
-    for (size_t i = 0; i < Families().size(); ++i) {
+    for (size_t i = 0; i < Families().size() && !g_stop.load(); ++i) {
       const char* stuck = Families()[i]->lostWakeUp != nullptr ? Families()[i]->lostWakeUp() : nullptr;
       strikes[i] = stuck != nullptr ? strikes[i] + 1 : 0;
       if (strikes[i] * 100 > margin) {
@@ -154,7 +157,6 @@ void* Watchdog(void*) {
       }
     }
   }
-  return nullptr;
 }
 
 void* WorkerEntry(uint64_t input) {

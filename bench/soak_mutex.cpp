@@ -29,7 +29,9 @@ void Work(Worker& self) {
     // A put in flight when the chaos thread terminates this worker is
     // answered LX_NOT_AVAILABLE: terminate clears the request's service code.
     if (got == LX_SUCCESS) {
-      Expect(_lx_MutexPut(&mutex), {LX_SUCCESS, LX_MUTEX_ERROR, LX_NOT_AVAILABLE}, "volatile mutex put");
+      Expect(Timed(self, "mutex put (volatile)", LX_NO_WAIT, g_counts, LX_NOT_AVAILABLE,
+                   [&] { return _lx_MutexPut(&mutex); }),
+             {LX_SUCCESS, LX_MUTEX_ERROR, LX_NOT_AVAILABLE}, "volatile mutex put");
     }
     return;
   }
@@ -47,7 +49,9 @@ void Work(Worker& self) {
   if (!g_holder[i].compare_exchange_strong(expected, nullptr)) {
     Fail("mutual exclusion: mutex %d changed hands while %s held it", i, self.name);
   }
-  if (!fake) Expect(_lx_MutexPut(&g_stable[i]), {LX_SUCCESS}, "mutex put");
+  if (fake) return;
+  Expect(Timed(self, "mutex put", LX_NO_WAIT, g_counts, LX_NOT_AVAILABLE, [&] { return _lx_MutexPut(&g_stable[i]); }),
+         {LX_SUCCESS}, "mutex put");
 }
 
 void Chaos(std::mt19937_64& rng) {

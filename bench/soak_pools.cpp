@@ -110,7 +110,8 @@ void BlockWork(Worker& self) {
       g_blockGate.Leave();
       return;
     }
-    const LX_STATUS released = _lx_BlockRelease(block);
+    const LX_STATUS released =
+        Timed(self, "block release", LX_NO_WAIT, g_blockCounts, LX_NO_MEMORY, [&] { return _lx_BlockRelease(block); });
     if (stable) {
       Expect(released, {LX_SUCCESS}, "block release");
     } else {
@@ -244,7 +245,8 @@ void ByteWork(Worker& self) {
       g_byteGate.Leave();
       return;
     }
-    const LX_STATUS released = _lx_ByteRelease(memory);
+    const LX_STATUS released =
+        Timed(self, "byte release", LX_NO_WAIT, g_byteCounts, LX_NO_MEMORY, [&] { return _lx_ByteRelease(memory); });
     if (stable) {
       Expect(released, {LX_SUCCESS}, "byte release");
     } else {
