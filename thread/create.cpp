@@ -63,11 +63,25 @@ int TakeThreadSignal() {
 
 // The suspension itself: waits for signal 10 (a signal 14 taken meanwhile is
 // consumed and ignored), then marks the thread ready.
+//
+// Runs in the suspension signal's handler, so a terminate must not cancel the
+// thread here: the unwinding would leave the handler into whatever code the
+// signal interrupted, which need not be a cancellation point. Cancellation
+// is off while the thread waits; a terminate wakes a suspended thread
+// instead, and it is cancelled at its next cancellation point. The type is
+// made deferred first and left so: the signal mostly interrupts a blocking
+// call, which runs with the asynchronous type and sets its own type back as
+// it returns, while going back to the asynchronous type here would act on
+// the terminate's cancellation at once, inside the handler.
 void WaitForResume() noexcept {
+  int state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
   LX_THREAD* self = _lx_ThreadIdentify();
   while (TakeThreadSignal() != SIGUSR1) {
   }
   SetThreadState(self, LX_STATE_READY);
+  pthread_setcancelstate(state, nullptr);
 }
 
 }  // namespace

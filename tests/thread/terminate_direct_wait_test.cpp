@@ -1,7 +1,7 @@
-// Terminating a thread that waits inside a service served in its own thread:
-// a host message queue, a framed queue, a POSIX semaphore, an event-flag
-// group. The cancellation unwinds through the service; the thread ends, the
-// process goes on, and the object serves the other threads as before.
+// Terminating a thread that waits inside a service served in its own thread
+// (a host message queue, a framed queue, a POSIX semaphore, an event-flag
+// group), or that is suspended: the thread ends, the process goes on, and the
+// object serves the other threads as before.
 #include <thread>
 
 #include "support/kernel_fixture.h"
@@ -113,6 +113,28 @@ TEST_F(TerminateDirectWaitTest, ANewThreadOnTheWordOfATerminatedFlagWaiterWaitsF
   ASSERT_TRUE(WaitUntil([&] { return status.load() != 0xFFFF; }));
   EXPECT_EQ(status.load(), LX_NO_EVENTS);  // not released by the old set
   EXPECT_TRUE(Join(handle));
+}
+
+// A suspended thread waits inside its suspension signal's handler; a
+// terminate must not unwind it from there, but end it all the same.
+TEST_F(TerminateDirectWaitTest, ASuspendedThreadIsTerminatedAndEnds) {
+  LX_THREAD handle = nullptr;
+  std::atomic<int> rounds{0};
+  ASSERT_EQ(Spawn(&handle, "suspended", [&] {
+    for (;;) {
+      _lx_ThreadSleep(1);
+      ++rounds;
+    }
+  }),
+            LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return rounds.load() > 2; }));
+  ASSERT_EQ(_lx_ThreadSuspend(&handle), LX_SUCCESS);
+  std::this_thread::sleep_for(50ms);  // inside the handler by now
+  const int held = rounds.load();
+  std::this_thread::sleep_for(50ms);
+  ASSERT_EQ(rounds.load(), held);  // really suspended
+  ASSERT_EQ(_lx_ThreadTerminate(&handle), LX_SUCCESS);
+  EXPECT_EQ(_lx_ThreadDelete(&handle), LX_SUCCESS);  // it has ended
 }
 
 }  // namespace
