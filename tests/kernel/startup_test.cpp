@@ -1,12 +1,15 @@
-// Start-up through the kernel entry, which never returns: each case runs it in a
-// forked child that ends itself once it has seen what it needs. CLOCK_REALTIME
-// and pipe are faked on demand (the library is linked in statically).
+// Start-up through the kernel entry, which never returns, and the fatal-signal
+// handler, which ends the process: each case runs in a forked child that ends
+// itself once it has seen what it needs. CLOCK_REALTIME and pipe are faked on
+// demand (the library is linked in statically).
 #include <dlfcn.h>
 #include <sched.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
 #include <gmock/gmock.h>
@@ -46,10 +49,18 @@ struct Observed {
   std::atomic<uint32_t> stateInside, stateAfter;
   std::atomic<int> policyInside, servicesInside, timerFires, waitStatus, pipeWriteErrno, ticksCounted;
   std::atomic<int> pidLinesMatching;  // pid-list lines whose pid is a thread of that name
-  std::atomic<bool> madeRealTime;
-  std::atomic<int64_t> cpuNs;
+  std::atomic<bool> madeRealTime, ready;
+  std::atomic<int64_t> cpuNs, toldAtNs;
+  std::atomic<int> exitId;
 };
 Observed* g_seen = nullptr;
+int g_signal = 0;
+
+int64_t Ns(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
 
 bool TickThreadStarted() { return testing::Value(PidListLines(), Contains(StartsWith("Name: SoftTimer,"))); }
 
@@ -170,12 +181,6 @@ TEST_F(StartupTest, SkipStateLeavesOutLowAndHighLevelInitialisation) {
   EXPECT_EQ(PidListLines(), std::vector<std::string>{"Name: SoftTimer, pid:" + std::to_string(child.Pid())});
 }
 
-int64_t ProcessCpuNs() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return used.tv_sec * 1000000000LL + used.tv_nsec;
-}
-
 TEST_F(StartupTest, WithoutATimerPipeStartUpCompletesAndNoThreadSpins) {
   Child child([] {
     g_failPipe = true;
@@ -184,9 +189,9 @@ TEST_F(StartupTest, WithoutATimerPipeStartUpCompletesAndNoThreadSpins) {
       _lx_TimerCreate(&beat, "beat", CountFire, 0, 1, 1, 1);
       std::thread([] {
         WaitUntil(TickThreadStarted);
-        const int64_t before = ProcessCpuNs();
+        const int64_t before = Ns(CLOCK_PROCESS_CPUTIME_ID);
         std::this_thread::sleep_for(300ms);  // thirty ticks' time
-        g_seen->cpuNs = ProcessCpuNs() - before;
+        g_seen->cpuNs = Ns(CLOCK_PROCESS_CPUTIME_ID) - before;
         g_seen->ticksCounted = __atomic_load_n(&G_i32Ticks, __ATOMIC_RELAXED);
         End();
       }).detach();
@@ -198,6 +203,86 @@ TEST_F(StartupTest, WithoutATimerPipeStartUpCompletesAndNoThreadSpins) {
   EXPECT_EQ(g_seen->timerFires, 0);
   EXPECT_EQ(g_seen->ticksCounted, 0);
   EXPECT_LT(g_seen->cpuNs, 100000000);
+}
+
+TEST_F(StartupTest, QuitThroughTheKernelEntryWithNoThreadToTellExitsAtOnceWithStatusZero) {
+  SKIP_UNDER_THREAD_SANITIZER();
+  Child child([] {
+    _lx_initialize_kernel_enter(nullptr, nullptr, [] {
+      std::thread([] {
+        WaitUntil([] { return PidListLines().size() == 3; });  // CMRH, TimerISR, SoftTimer
+        std::printf("still buffered");                          // a normal exit flushes it
+        g_seen->ready = true;
+      }).detach();
+    });
+  });
+  ASSERT_TRUE(WaitUntil([] { return g_seen->ready.load(); }));
+  const int64_t sentAt = Ns(CLOCK_MONOTONIC);
+  ::kill(child.Pid(), SIGQUIT);
+  ASSERT_TRUE(child.Wait());
+  EXPECT_LT(Ns(CLOCK_MONOTONIC) - sentAt, 900000000);
+  EXPECT_TRUE(child.ExitedWith(0));
+  EXPECT_THAT(child.Out(), testing::EndsWith(" nanoseconds\nstill buffered"));
+  EXPECT_EQ(child.Err(), "");
+}
+
+TEST_F(StartupTest, QuitTellsTheRegisteredThreadAndExitsASecondLater) {
+  SKIP_UNDER_THREAD_SANITIZER();
+  Observed& seen = *g_seen;
+  Child child([&] {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGQUIT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // the told thread keeps both blocked
+    struct sigaction action {};
+    action.sa_handler = _lx_sighandler;
+    ::sigaction(SIGQUIT, &action, nullptr);
+    std::thread told([&] {
+      sigset_t terminate;
+      sigemptyset(&terminate);
+      sigaddset(&terminate, SIGTERM);
+      int signal = 0;
+      sigwait(&terminate, &signal);
+      seen.exitId = __atomic_load_n(&g_zloop_exit_id, __ATOMIC_ACQUIRE);
+      seen.toldAtNs = Ns(CLOCK_MONOTONIC);
+    });
+    g_zloop_thread_id = told.native_handle();
+    sigdelset(&signals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // SIGQUIT comes to this thread
+    seen.ready = true;
+    for (;;) ::pause();
+  });
+  ASSERT_TRUE(WaitUntil([&] { return seen.ready.load(); }));
+  const int64_t sentAt = Ns(CLOCK_MONOTONIC);
+  ::kill(child.Pid(), SIGQUIT);
+  ASSERT_TRUE(child.Wait());
+  const int64_t endedAt = Ns(CLOCK_MONOTONIC);
+  EXPECT_TRUE(child.ExitedWith(0));
+  EXPECT_EQ(seen.exitId, 1);
+  EXPECT_GE(endedAt - seen.toldAtNs, 800000000);
+  EXPECT_LT(endedAt - sentAt, 10000000000);
+  EXPECT_EQ(child.Err(), "");
+}
+
+// Caught fault signals write a backtrace ("...[0x...]" frame lines) and end the
+// process by the signal; SIGSEGV and SIGBUS are left to their default.
+TEST_F(StartupTest, FaultSignalsWriteABacktraceAndEndTheProcessByTheSignal) {
+  for (const int signal : {SIGFPE, SIGILL, SIGABRT, SIGSEGV, SIGBUS}) {
+    Child child([signal] {
+      const rlimit noCore{0, 0};
+      ::setrlimit(RLIMIT_CORE, &noCore);
+      for (const int fault : {SIGSEGV, SIGBUS}) ::signal(fault, SIG_DFL);  // a sanitizer takes these
+      g_signal = signal;
+      _lx_initialize_kernel_enter(nullptr, nullptr, [] { std::thread([] { ::raise(g_signal); }).join(); });
+    });
+    ASSERT_TRUE(child.Wait());
+    EXPECT_EQ(child.Signal(), signal) << strsignal(signal);
+    const std::string err = child.Err();
+    int frames = 0;
+    for (size_t at = 0; (at = err.find("[0x", at)) != std::string::npos; ++at) ++frames;
+    EXPECT_EQ(frames >= 3, signal != SIGSEGV && signal != SIGBUS) << strsignal(signal) << ":\n" << err;
+  }
 }
 
 }  // namespace

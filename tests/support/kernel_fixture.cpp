@@ -258,6 +258,11 @@ Waiters::Waiter& Waiters::Start(std::function<uint32_t()> call, std::function<bo
   return waiter;
 }
 
+Waiters::Waiter& Waiters::StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority) {
+  const int32_t before = Waiting(list);
+  return Start(std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
+}
+
 uint32_t Waiters::StatusOf(const Waiter& waiter, std::chrono::milliseconds limit) {
   WaitUntil([&] { return waiter.Done(); }, limit);
   return waiter.status.load();

@@ -103,6 +103,8 @@ class Waiters {
   // given, returns only once parked() holds (the thread has begun to wait).
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
                 const char* name = "waiter");
+  // Starts a thread that runs call and returns once it has joined the waiters on list.
+  Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32);
   // The waiter's status once its call has returned (kPending if it never does
   // within the limit).
   static uint32_t StatusOf(const Waiter& waiter,

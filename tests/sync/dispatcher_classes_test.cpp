@@ -17,9 +17,7 @@ class DispatcherClassTest : public KernelTest {
   // A thread whose request is parked on list when this returns.
   Waiter& Park(const SuspendCtrl& list, uint16_t service, void* object, uint32_t wait, uint64_t value = 0,
                uint64_t option = 0, uint32_t* data = nullptr, uint16_t priority = 32) {
-    const int32_t before = Waiting(list);
-    return waiters_.Start([=] { return Issue(service, object, wait, value, option, data); },
-                          [&list, before] { return Waiting(list) == before + 1; }, priority);
+    return waiters_.StartOn(list, [=] { return Issue(service, object, wait, value, option, data); }, priority);
   }
   Waiters waiters_;
 };

@@ -35,13 +35,10 @@ class MutexTest : public KernelTest {
   }
   // A thread that asks for the mutex (after taking it once itself, if ownerFirst); returns once it is parked.
   Waiter& Wait(LX_MUTEX& mutex, uint16_t priority = 32, uint32_t wait = LX_WAIT_FOREVER, bool ownerFirst = false) {
-    const int32_t before = Waiting(mutex);
-    Waiter& waiter = waiters_.Start(
-        [&mutex, wait, ownerFirst] {
-          if (ownerFirst) _lx_MutexGet(&mutex, LX_NO_WAIT);
-          return _lx_MutexGet(&mutex, wait);
-        },
-        [&mutex, before] { return Waiting(mutex) == before + 1; }, priority);
+    Waiter& waiter = waiters_.StartOn(mutex->sSuspendCtrl, [&mutex, wait, ownerFirst] {
+      if (ownerFirst) _lx_MutexGet(&mutex, LX_NO_WAIT);
+      return _lx_MutexGet(&mutex, wait);
+    }, priority);
     EXPECT_EQ(StateOf(waiter.handle), LX_STATE_MUTEX_WAIT);
     return waiter;
   }

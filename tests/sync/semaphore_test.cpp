@@ -94,7 +94,9 @@ TEST_F(SemaphoreTest, CountsBeyondThePlatformMaximumAreRefused) {
   EXPECT_EQ(_lx_SemaphorePut(&semaphore), LX_SUCCESS);
 }
 
+// The lines go to the platform's own log function, format and arguments as given, and not to standard error.
 TEST_F(SemaphoreTest, NullHandlesAreErrorsNullWordsAndMissingServicesLogOneLineAndSucceed) {
+  ::testing::internal::CaptureStderr();
   for (LX_STATUS s : {_lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr)}) {
     EXPECT_EQ(s, LX_SEMAPHORE_ERROR);
   }
@@ -115,6 +117,8 @@ TEST_F(SemaphoreTest, NullHandlesAreErrorsNullWordsAndMissingServicesLogOneLineA
                           "3 1 _lx_SemaphoreInfoGet is not implement\n",
                           "3 1 _lx_SemaphorePrioritize is not implement\n",
                       }));
+  EXPECT_EQ(g_diagFormats[0], "%s: Invalid sempaphore to return! sem %p");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(SemaphoreTest, TheTimerThreadMayPutAndTakeWithoutWaitingOnly) {
