@@ -1,21 +1,34 @@
-// Suspend lists and the sleep agent, driven through the test-only class: park,
-// release one (modes 0 to 3), release all; finite waits counted down pass by
-// pass on the timer thread and expired through the dispatcher's system class.
+// The component manager: the request engine (unknown codes, reply pipes, wake
+// bytes, order); the 50-slot handle registry, whose look-ups take no lock; and,
+// driven through the test-only class, suspend lists (park, release one in modes
+// 0 to 3, release all) and the sleep agent (finite waits counted down pass by
+// pass on the timer thread and expired through the dispatcher's system class).
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
+#include "cm/registry.h"
 #include "support/kernel_fixture.h"
 
 namespace quorvin::test {
 namespace {
 
+using quorvin::detail::CmLock;
+using quorvin::detail::HandleRegistry;
+using quorvin::detail::kRegistrySlots;
 using quorvin::detail::S_psSleepEnd;
 using quorvin::detail::S_psSleepTop;
 
 template <typename F>
 auto Locked(F&& read) {
-  std::lock_guard lock(quorvin::detail::CmLock());
+  std::lock_guard lock(CmLock());
   return read();
 }
 
@@ -200,6 +213,188 @@ TEST_F(WaitsTest, TimeOutForARequestAlreadyFinishedChangesNothing) {
   EXPECT_EQ(Issue(CM_OP_TIMEOUT, &finished), LX_NOT_AVAILABLE);
   EXPECT_EQ(finished.u16Status, 1234);
   EXPECT_EQ(Issue(CM_OP_TIMEOUT, &unknownClass), LX_NOT_AVAILABLE);
+}
+
+int PendingWakeBytes() {
+  int pending = 0;
+  ::ioctl(quorvin::detail::S_i32CmPIPE[0], FIONREAD, &pending);
+  return pending;
+}
+
+// Lowers the descriptor limit so that no new descriptor can be opened.
+void TakeAwayFreeDescriptors() {
+  const int lowestFree = ::dup(0);
+  ::close(lowestFree);
+  rlimit tight{};
+  ::getrlimit(RLIMIT_NOFILE, &tight);
+  tight.rlim_cur = static_cast<rlim_t>(lowestFree);
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+}
+
+using RequestTest = KernelTest;
+
+TEST_F(RequestTest, ReplyPipesAreClosedAndMissingDescriptorsAnswerNotAvailable) {
+  Issue(0x90);  // settles any lazily opened descriptor
+  const int before = OpenDescriptorCount();
+  for (int round = 0; round < 20; ++round)
+    for (uint16_t code : {0x0000, 0x0002, 0x000F, 0x0040, 0x004F, 0x0090, 0x00A3, 0x00F0, 0x0100, 0xFFFF}) {
+      ASSERT_EQ(Issue(code), LX_NOT_AVAILABLE) << "code " << code;
+      ASSERT_EQ(OwnRequest().u16Service, 0) << "code " << code;
+    }
+  EXPECT_EQ(OpenDescriptorCount(), before);
+  EXPECT_EQ(::fcntl(OwnRequest().ai32ReplyPipe[0], F_GETFD), -1);
+  EXPECT_EQ(::fcntl(OwnRequest().ai32ReplyPipe[1], F_GETFD), -1);
+
+  rlimit original{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
+  TakeAwayFreeDescriptors();
+  const uint16_t status = Issue(kTestRecord, nullptr, LX_NO_WAIT, 77);
+  const uint16_t service = OwnRequest().u16Service;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &original), 0);
+  EXPECT_EQ(status, LX_NOT_AVAILABLE);
+  EXPECT_EQ(service, 0);
+  EXPECT_EQ(OpenDescriptorCount(), before);
+  EXPECT_TRUE([] { std::lock_guard lock(CmLock()); return RecordedValues().empty() && !S_psTop; }());
+  EXPECT_EQ(Issue(kTestRecord, nullptr, LX_NO_WAIT, 78), LX_SUCCESS);
+}
+
+TEST_F(RequestTest, OneWakeByteServesABatchInOrder) {
+  CmServiceRequest requests[10] = {};
+  std::vector<uint64_t> expected;
+  std::vector<quorvin::detail::Enqueued> enqueued;
+  {
+    std::lock_guard lock(CmLock());  // the dispatcher cannot serve meanwhile
+    for (uint64_t i = 0; i < 10; ++i) {
+      requests[i].u16Service = kTestRecord;
+      requests[i].u64Value = i;
+      expected.push_back(i);
+      enqueued.push_back(quorvin::detail::EnqueueLocked(requests[i]));
+    }
+    EXPECT_EQ(quorvin::detail::S_i8CmIdle, 0);
+    EXPECT_EQ(S_psTop, &requests[0]);
+    EXPECT_EQ(S_psEnd, &requests[9]);
+  }
+  // Only the first found the dispatcher idle and owes it the one wake byte.
+  using enum quorvin::detail::Enqueued;
+  EXPECT_EQ(enqueued, (std::vector{kWakeDispatcher, kQueued, kQueued, kQueued, kQueued, kQueued, kQueued, kQueued,
+                                   kQueued, kQueued}));
+  EXPECT_EQ(PendingWakeBytes(), 0);
+  quorvin::detail::WakeDispatcher();
+  for (auto& request : requests) quorvin::detail::AwaitCompletion(request);
+  std::lock_guard lock(CmLock());
+  EXPECT_EQ(RecordedValues(), expected);
+  EXPECT_EQ(S_psTop, nullptr);
+  EXPECT_EQ(S_psEnd, nullptr);
+  EXPECT_EQ(quorvin::detail::S_i8CmIdle, 1);
+  EXPECT_EQ(PendingWakeBytes(), 0);
+}
+
+TEST_F(RequestTest, ConcurrentRequestersLoseNothing) {
+  constexpr int kThreads = 10, kEach = 300;
+  Issue(0x90);
+  const int descriptors = OpenDescriptorCount();
+  LX_THREAD handles[kThreads] = {};
+  std::atomic<int> wrong = 0;
+  for (uint64_t t = 0; t < kThreads; ++t)
+    ASSERT_EQ(Spawn(&handles[t], "requester", [&, t] {
+                for (uint64_t i = 0; i < kEach; ++i) {
+                  wrong += Issue(kTestRecord, nullptr, LX_NO_WAIT, t << 32 | i) != LX_SUCCESS;
+                  wrong += OwnRequest().u16Service != 0;
+                }
+              }),
+              LX_SUCCESS);
+  for (LX_THREAD handle : handles) ASSERT_TRUE(Join(handle, std::chrono::milliseconds(30000)));
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(OpenDescriptorCount(), descriptors);
+  EXPECT_EQ(PendingWakeBytes(), 0);
+  // Each request served once, each thread's in the order it issued them.
+  std::lock_guard lock(CmLock());
+  ASSERT_EQ(RecordedValues().size(), static_cast<size_t>(kThreads * kEach));
+  std::vector<uint64_t> next(kThreads, 0);
+  for (uint64_t tag : RecordedValues()) {
+    ASSERT_LT(tag >> 32, next.size());
+    EXPECT_EQ(tag & 0xFFFFFFFFu, next[tag >> 32]++);
+  }
+}
+
+TEST(RequestStartupTest, DispatcherPipeFailureEndsTheProcessWithItsMessage) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "exit() inside a death test trips UBSan's vptr check in GoogleTest's teardown";
+#endif
+  hCM_Error = stderr;
+  EXPECT_EXIT((TakeAwayFreeDescriptors(), CM_Initial()), ::testing::ExitedWithCode(0),
+              "Create ComponentManagerRequestHandel\\(\\) pipe fail! \n exit\\(\\)");
+}
+
+class RegistryTest : public ::testing::Test {
+ protected:
+  void* slots_[kRegistrySlots] = {};
+  int32_t count_ = 0;
+  HandleRegistry registry_{slots_, count_};
+  int handles_[kRegistrySlots + 1] = {};
+};
+
+TEST_F(RegistryTest, ALookUpIsExactAfterRemovalsMoveHandlesAndSlotsAreReused) {
+  for (int i = 0; i < kRegistrySlots; ++i) ASSERT_TRUE(registry_.Add(&handles_[i]));
+  EXPECT_FALSE(registry_.Add(&handles_[kRegistrySlots]));  // full: nothing past the table
+  EXPECT_TRUE(registry_.Full());
+  ASSERT_TRUE(registry_.Contains(&handles_[3]));  // leaves a hint at slot 3
+
+  // Removing slot 3 moves the last handle into it; the remembered slot now
+  // holds another handle and must not answer for the removed one.
+  ASSERT_TRUE(registry_.Remove(&handles_[3]));
+  EXPECT_FALSE(registry_.Contains(&handles_[3]));
+  EXPECT_EQ(slots_[3], &handles_[kRegistrySlots - 1]);
+  EXPECT_EQ(slots_[kRegistrySlots - 1], nullptr);
+  EXPECT_TRUE(registry_.Contains(&handles_[kRegistrySlots - 1]));
+  EXPECT_FALSE(registry_.Remove(&handles_[3]));
+
+  // A hint left past the count by a removed last slot is ignored.
+  ASSERT_TRUE(registry_.Contains(&handles_[kRegistrySlots - 2]));
+  ASSERT_TRUE(registry_.Remove(&handles_[kRegistrySlots - 2]));
+  EXPECT_FALSE(registry_.Contains(&handles_[kRegistrySlots - 2]));
+  EXPECT_EQ(count_, kRegistrySlots - 2);
+
+  // A handle registered twice stays registered until its second removal.
+  ASSERT_TRUE(registry_.Add(&handles_[0]));
+  ASSERT_TRUE(registry_.Remove(&handles_[0]));
+  EXPECT_TRUE(registry_.Contains(&handles_[0]));
+  ASSERT_TRUE(registry_.Remove(&handles_[0]));
+  EXPECT_FALSE(registry_.Contains(&handles_[0]));
+}
+
+// One thread keeps looking up a handle while another registers it last and
+// removes the slot below, which moves it down the table. A generation count
+// (odd: the handle is registered) tells the reader when a miss is a fault.
+TEST_F(RegistryTest, AHandleThatStaysRegisteredIsNeverMissedWhileItMoves) {
+  int& moving = handles_[kRegistrySlots];
+  constexpr int kOthers = 20;
+  std::atomic<unsigned> generation{0};
+  std::atomic<bool> stop{false};
+  std::atomic<long> misses{0}, checked{0};
+  std::thread reader([&] {
+    while (!stop.load()) {
+      const unsigned before = generation.load();
+      if (before % 2 == 0) continue;
+      const bool found = registry_.Contains(&moving);
+      if (generation.load() != before) continue;
+      checked.fetch_add(1);
+      if (!found) misses.fetch_add(1);
+    }
+  });
+  for (long round = 0; round < 20000 || (checked.load() < 100000 && round < 20'000'000); ++round) {
+    for (int i = 0; i < kOthers; ++i) ASSERT_TRUE(registry_.Add(&handles_[i]));
+    ASSERT_TRUE(registry_.Add(&moving));
+    generation.fetch_add(1);
+    for (int i = 0; i < kOthers; ++i) ASSERT_TRUE(registry_.Remove(&handles_[i]));  // the first moves it to slot 0
+    ASSERT_EQ(slots_[0], &moving);
+    generation.fetch_add(1);
+    ASSERT_TRUE(registry_.Remove(&moving));
+  }
+  stop.store(true);
+  reader.join();
+  EXPECT_GE(checked.load(), 100000);
+  EXPECT_EQ(misses.load(), 0) << "of " << checked.load() << " look-ups";
 }
 
 }  // namespace
