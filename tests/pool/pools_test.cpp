@@ -249,17 +249,15 @@ TEST_F(PoolTest, TimerThreadIsRefusedWhatCouldMakeItWaitAndOutsideThreadsAreRefu
   ASSERT_EQ(_lx_BytePoolCreate(&bytes, "bytes", g_area, 100), LX_SUCCESS);
   void* block = nullptr;
   void* untouched = &untouched;
-  std::vector<LX_STATUS> statuses;
-  Timer().Run([&] {
-    statuses = {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
-                _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
-                _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
-                _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
-                _lx_BytePoolPrioritize(&bytes)};
-    statuses.push_back(_lx_BlockRelease(block));
-  });
-  EXPECT_EQ(statuses, (std::vector<LX_STATUS>{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_WAIT_ERROR, 0, 0, LX_CALLER_ERROR,
-                                              LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0}));
+  EXPECT_EQ(OnTimerThread([&]() -> Statuses {
+              return {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
+                      _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
+                      _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
+                      _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
+                      _lx_BytePoolPrioritize(&bytes), _lx_BlockRelease(block)};
+            }),
+            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_WAIT_ERROR, 0, 0, LX_CALLER_ERROR, LX_CALLER_ERROR,
+                      LX_CALLER_ERROR, 0, 0}));
   EXPECT_EQ(std::tuple(blocksFromTimer, bytesFromTimer, untouched), std::tuple(nullptr, nullptr, (void*)&untouched));
   void* mine[2] = {Block(blocks), Bytes(bytes, 10)};
   std::thread([&] {

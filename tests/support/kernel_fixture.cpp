@@ -230,6 +230,12 @@ StandInTimer& Timer() {
   return *timer;
 }
 
+Statuses OnTimerThread(const std::function<Statuses()>& calls) {
+  Statuses statuses;
+  Timer().Run([&] { statuses = calls(); });
+  return statuses;
+}
+
 size_t SleepAgentEntries() {
   std::lock_guard lock(quorvin::detail::CmLock());
   size_t n = 0;

@@ -80,6 +80,10 @@ class StandInTimer {
 // (its thread lives on with the process).
 StandInTimer& Timer();
 
+// Runs calls on the timer thread and returns the statuses they gave, in order.
+using Statuses = std::vector<LX_STATUS>;
+Statuses OnTimerThread(const std::function<Statuses()>& calls);
+
 // Finite waits registered with the sleep agent now.
 size_t SleepAgentEntries();
 

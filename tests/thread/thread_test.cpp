@@ -153,12 +153,11 @@ TEST_F(PriorityTest, RefusalsComeInOrderChangeNothingAndOnlyPriority32IsAccepted
     EXPECT_EQ(_lx_ThreadPriorityChange(handle, value, output), priority) << value;
     EXPECT_EQ(_lx_ThreadPreemptionChange(handle, value, output), threshold) << value;
   }
-  std::vector<LX_STATUS> statuses;
-  Timer().Run([&] {
-    statuses = {_lx_ThreadPriorityChange(G_psTimer, 32, &old), _lx_ThreadPreemptionChange(G_psTimer, 7, &old),
-                _lx_ThreadPreemptionChange(self, 7, &old)};
-  });
-  EXPECT_EQ(statuses, std::vector<LX_STATUS>(3, LX_CALLER_ERROR));
+  EXPECT_EQ(OnTimerThread([&]() -> Statuses {
+              return {_lx_ThreadPriorityChange(G_psTimer, 32, &old), _lx_ThreadPreemptionChange(G_psTimer, 7, &old),
+                      _lx_ThreadPreemptionChange(self, 7, &old)};
+            }),
+            Statuses(3, LX_CALLER_ERROR));
   EXPECT_EQ(old, 0xBEEF);
   EXPECT_EQ((*self)->u16PreemptThreshold, 0);
   EXPECT_EQ(_lx_ThreadPriorityChange(self, 10, &old), LX_CALLER_ERROR);
