@@ -63,7 +63,8 @@ class WaitsTest : public KernelTest {
   // Whether the dispatcher has ended the waiter's wait by time-out; exact right
   // after a pass, which returns only once the dispatcher handled its expiries.
   static bool TimedOut(const Waiter& waiter) {
-    return Locked([&] { return std::ranges::count(RecordedValues(), reinterpret_cast<uint64_t>(&waiter.handle)); }) == 1;
+    const auto handle = reinterpret_cast<uint64_t>(&waiter.handle);
+    return Locked([&] { return std::ranges::count(RecordedValues(), handle); }) == 1;
   }
   // Runs passes one by one and returns the pass on which the waiter timed out.
   static int PassesUntilReleased(const Waiter& waiter, int limit) {

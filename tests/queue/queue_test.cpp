@@ -17,6 +17,7 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -68,6 +69,17 @@ int QueueDescriptors() {
     if (::readlink(link.c_str(), target, sizeof target - 1) > 0 && std::strncmp(target, "/mq_", 4) == 0) ++count;
   }
   return count;
+}
+
+// Runs work with no room left for host queues (their byte limit at 0).
+LX_STATUS WithoutQueueRoom(const std::function<LX_STATUS()>& work) {
+  rlimit saved{};
+  ::getrlimit(RLIMIT_MSGQUEUE, &saved);
+  const rlimit none{0, saved.rlim_max};
+  ::setrlimit(RLIMIT_MSGQUEUE, &none);
+  const LX_STATUS status = work();
+  ::setrlimit(RLIMIT_MSGQUEUE, &saved);
+  return status;
 }
 
 double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -175,15 +187,9 @@ TEST_F(MessageQueueTest, ALeftoverQueueIsFoundEmptiedAndUsedWithItsOwnMessageSiz
 }
 
 TEST_F(MessageQueueTest, AHostLimitRefusesCreationAndLeavesAnErrorBlockWithoutADescriptor) {
-  rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_MSGQUEUE, &saved), 0);
-  const rlimit none{0, saved.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_MSGQUEUE, &none), 0);
   const int descriptors = QueueDescriptors();
   LX_QUEUE q = nullptr;
-  const LX_STATUS status = _lx_QueueCreate(&q, "refused", 1, storage_, 16);
-  ::setrlimit(RLIMIT_MSGQUEUE, &saved);
-  EXPECT_EQ(status, LX_QUEUE_ERROR);
+  EXPECT_EQ(WithoutQueueRoom([&] { return _lx_QueueCreate(&q, "refused", 1, storage_, 16); }), LX_QUEUE_ERROR);
   ASSERT_NE(q, nullptr);
   EXPECT_EQ(q->i32MqDes, -1);
   EXPECT_EQ(QueueDescriptors(), descriptors);
@@ -399,12 +405,8 @@ TEST_F(FramedQueueTest, AnOffsetThatNamesNoFullSlotOrAFailedQueueIsLogged) {
   ASSERT_EQ(_lx_QueueSend(&queue_.psMsgQueue, &odd, LX_NO_WAIT), LX_SUCCESS);
   Receive(LX_NO_WAIT, LX_QUEUE_ERROR);
   EXPECT_EQ(TakeDiagLines(), (std::vector<std::string>{kLine294, kLine294}));
-  rlimit saved{};
-  ::getrlimit(RLIMIT_MSGQUEUE, &saved);
-  const rlimit none{0, saved.rlim_max};
-  ::setrlimit(RLIMIT_MSGQUEUE, &none);
-  Make("refused", 4, 2, 0, LX_QUEUE_ERROR);
-  ::setrlimit(RLIMIT_MSGQUEUE, &saved);
+  EXPECT_EQ(WithoutQueueRoom([&] { return QueueCreate(&queue_, "refused", 4, 2, buffer_.data(), 0, 0); }),
+            LX_QUEUE_ERROR);
   Receive(LX_NO_WAIT, LX_QUEUE_ERROR);
   EXPECT_EQ(TakeDiagLines(), (std::vector<std::string>{kLine269}));
 }
@@ -512,9 +514,9 @@ class CmQueueTest : public KernelTest, public ::testing::WithParamInterface<bool
   // A thread that issues one request and is parked on the queue when this returns.
   Waiter& Park(uint16_t service, uint32_t message, uint32_t wait = LX_WAIT_FOREVER, uint16_t priority = 32) {
     uint32_t* slot = &slots_.emplace_back(message);
-    Waiter& waiter = waiters_.StartOn(queue_->sSuspendCtrl,
-                                      [this, service, slot, wait] { return CmQueueIssue(&queue_, service, slot, wait); },
-                                      priority);
+    Waiter& waiter = waiters_.StartOn(
+        queue_->sSuspendCtrl, [this, service, slot, wait] { return CmQueueIssue(&queue_, service, slot, wait); },
+        priority);
     EXPECT_EQ(StateOf(waiter.handle), LX_STATE_QUEUE_WAIT);
     return waiter;
   }

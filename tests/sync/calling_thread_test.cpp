@@ -208,8 +208,9 @@ TEST_F(EventFlagsTest, ChecksComeInTheirOrderAndOnlyThreadsOfTheSystemMayWait) {
   EXPECT_EQ(_lx_EventFlagsSet(nullptr, 0x1, LX_OR), LX_GROUP_ERROR);
   static LX_EVENT_FLAGS created = nullptr;
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_EventFlagsGet(&group, 0x1, 4, &actual, 5), _lx_EventFlagsGet(&group, 0x2, LX_OR, &actual, 5),
-                      _lx_EventFlagsCreate(&created, "t"), _lx_EventFlagsSet(&group, 0x2, LX_OR),
+              return {_lx_EventFlagsGet(&group, 0x1, 4, &actual, 5),
+                      _lx_EventFlagsGet(&group, 0x2, LX_OR, &actual, 5), _lx_EventFlagsCreate(&created, "t"),
+                      _lx_EventFlagsSet(&group, 0x2, LX_OR),
                       _lx_EventFlagsGet(&group, 0x2, LX_OR_CLEAR, &actual, LX_NO_WAIT)};
             }),
             (Statuses{LX_OPTION_ERROR, LX_WAIT_ERROR, LX_CALLER_ERROR, 0, 0}));
