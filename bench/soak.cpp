@@ -3,9 +3,13 @@
 // or two owners of one mutex.
 //
 //   soak [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure]
+//        [--mqueue-dir=D] [--inject=FAULT]
 //
 // --hold-on-failure keeps the process as it is at the first hang or lost
-// wake-up, for a debugger, instead of ending it.
+// wake-up, for a debugger, instead of ending it. --inject makes one fault on
+// purpose (hang, lost-wake-up, descriptor, block-leak, byte-leak,
+// semaphore-ledger, lose-message, duplicate-message, mutual-exclusion): the
+// run must then fail with the matching report. The test suite runs each.
 //
 // 46 worker threads draw random operations on shared objects of every class,
 // with no-wait, finite and endless waits; one chaos thread suspends,
@@ -20,7 +24,9 @@
 // ends the process: status 0 when nothing failed.
 //
 // The process needs the pid-list folder and, for message queues, its own IPC
-// namespace: bench/soak.sh runs it in private namespaces.
+// namespace: bench/soak.sh runs it in private namespaces, with the
+// namespace's message-queue file system mounted at D so that the soak can
+// count the host queues at the start and at the end.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -59,11 +65,11 @@ using Clock = std::chrono::steady_clock;
 const Clock::time_point g_start = Clock::now();
 LX_THREAD g_chaos = nullptr;
 int g_descriptors = -1;  // open once the objects exist, before any worker runs
+int g_queues = -1;       // host message queues then (-1: not counted)
+struct {
+  int descriptors = -1, queues = -1;
+} g_end;  // the same at the end
 std::mutex g_printLock;
-
-int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - g_start).count();
-}
 
 int OpenDescriptors() {
   int count = 0;
@@ -72,6 +78,17 @@ int OpenDescriptors() {
   while (dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
   ::closedir(directory);
   return count - 1;
+}
+
+// Entries of the message-queue mount, or -1 without one.
+int PosixQueues() {
+  if (g_options.mqueueDir == nullptr) return -1;
+  DIR* directory = ::opendir(g_options.mqueueDir);
+  if (directory == nullptr) return -1;
+  int count = 0;
+  while (dirent* entry = ::readdir(directory)) count += entry->d_name[0] != '.';
+  ::closedir(directory);
+  return count;
 }
 
 const char* StateName(uint16_t state) {
@@ -142,6 +159,13 @@ void* Watchdog(void*) {
 
 void* WorkerEntry(uint64_t input) {
   Worker& self = g_workers[input];
+  if (self.index == 0 && InjectOnce("hang")) {  // a finite wait that never ends
+    Counts none;
+    Timed(self, "injected wait", 2, none, LX_SUCCESS, [] {
+      for (;;) ::pause();
+      return LX_SUCCESS;
+    });
+  }
   while (!g_stop.load()) {
     std::vector<Family*>& families = Families();
     Family& family = *families[self.rng() % families.size()];
@@ -248,6 +272,7 @@ void* ChaosEntry(uint64_t) {
     Chaos(rng);
     _lx_ThreadSleep(static_cast<uint32_t>(rng() % 3));
   }
+  if (InjectOnce("descriptor")) ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // never closed
   const bool stopped = StopWorkers();
   for (Family* family : Families()) {
     if (family->finalCheck != nullptr) family->finalCheck();
@@ -261,6 +286,9 @@ void* ChaosEntry(uint64_t) {
   if (stopped && after > g_descriptors) {
     Fail("descriptors: %d open before the workers started, %d at the end", g_descriptors, after);
   }
+  const int queues = PosixQueues();
+  if (queues != g_queues) Fail("message queues: %d before the workers started, %d at the end", g_queues, queues);
+  g_end = {after, queues};
   Finish(true);
   return nullptr;
 }
@@ -275,6 +303,8 @@ void Define() {
     worker.expendable = i % 6 == 5;
   }
   for (Family* family : Families()) family->create();
+  g_queues = PosixQueues();
+  if (g_options.mqueueDir != nullptr && g_queues < 0) Fail("cannot read %s", g_options.mqueueDir);
   // A descriptor in flight (a reply pipe of the timer thread) may be open at
   // any one look: the baseline is the least of a few.
   g_descriptors = OpenDescriptors();
@@ -334,6 +364,15 @@ void Finish(bool summary) {
                   c.maxOvershoot.load());
       if (family->report != nullptr) family->report();
     }
+    if (g_end.descriptors >= 0) {
+      std::printf("  descriptors: %d at the start, %d at the end; host message queues: ", g_descriptors,
+                  g_end.descriptors);
+      if (g_queues < 0) {
+        std::printf("not counted (no --mqueue-dir)\n");
+      } else {
+        std::printf("%d at the start, %d at the end\n", g_queues, g_end.queues);
+      }
+    }
     std::printf("  chaos: %" PRIu64 " suspensions, %" PRIu64 " wait aborts, %" PRIu64 " priority changes, %" PRIu64
                 " thread restarts\n",
                 g_chaosCounts.suspends, g_chaosCounts.aborts, g_chaosCounts.priorities, g_chaosCounts.restarts);
@@ -368,6 +407,33 @@ LX_STATUS Timed(Worker& self, const char* op, uint32_t wait, Counts& counts, LX_
   return status;
 }
 
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - g_start).count();
+}
+
+bool Injecting(const char* fault) { return g_options.inject != nullptr && std::strcmp(g_options.inject, fault) == 0; }
+
+bool InjectOnce(const char* fault) {
+  static std::atomic<bool> done{false};
+  return Injecting(fault) && !done.exchange(true);
+}
+
+bool Gate::Close(int ticks, const std::function<void()>& nudge) {
+  closed_ = true;
+  for (int i = 0; i < ticks && inside_.load() != 0; ++i) {
+    if (nudge) nudge();
+    _lx_ThreadSleep(1);
+  }
+  return inside_.load() == 0;
+}
+
+bool Due(int64_t& last, int64_t periodMs) {
+  const int64_t now = NowMs();
+  if (now - last < periodMs) return false;
+  last = now;
+  return true;
+}
+
 uint32_t RandomWait(Worker& self) {
   switch (self.rng() % 10) {
     case 0:
@@ -393,8 +459,15 @@ int main(int argc, char** argv) {
       g_options.marginTicks = std::atoi(arg + 15);
     } else if (std::strcmp(arg, "--hold-on-failure") == 0) {
       g_options.holdOnFailure = true;
+    } else if (std::strncmp(arg, "--mqueue-dir=", 13) == 0) {
+      g_options.mqueueDir = arg + 13;
+    } else if (std::strncmp(arg, "--inject=", 9) == 0) {
+      g_options.inject = arg + 9;
     } else {
-      std::fprintf(stderr, "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--seconds=N] [--seed=S] [--margin-ticks=T] [--hold-on-failure] [--mqueue-dir=D]"
+                   " [--inject=FAULT]\n",
+                   argv[0]);
       return 2;
     }
   }

@@ -18,6 +18,8 @@ struct Options {
   uint64_t seed = 0;
   int marginTicks = 300;  // how far a wait may overstay before it is a hang
   bool holdOnFailure = false;
+  const char* mqueueDir = nullptr;  // a mount of the IPC namespace's message queues, to count them
+  const char* inject = nullptr;     // a fault the soak makes itself, to show that a check catches it
 };
 extern Options g_options;
 extern std::atomic<bool> g_stop;
@@ -75,5 +77,44 @@ LX_STATUS Timed(Worker& self, const char* op, uint32_t wait, Counts& counts, LX_
                 const std::function<LX_STATUS()>& call);
 // LX_NO_WAIT, a few ticks, or LX_WAIT_FOREVER.
 uint32_t RandomWait(Worker& self);
+// Self-test: whether the run was asked to make this fault (--inject=NAME);
+// InjectOnce answers true at most once in the run.
+bool Injecting(const char* fault);
+bool InjectOnce(const char* fault);
+// Milliseconds since the program started.
+int64_t NowMs();
+
+// Lets the chaos thread see one object with no operation in progress, for
+// checks that only hold at rest. Workers enter around each operation on the
+// object and leave the object alone while the gate is closed; the chaos
+// thread closes it and waits for those inside to leave.
+class Gate {
+ public:
+  bool Enter() {
+    if (closed_.load()) return false;
+    ++inside_;
+    ++entries_;
+    if (!closed_.load()) return true;  // seq_cst: Close sees this worker or it sees Close
+    --inside_;
+    return false;
+  }
+  void Leave() { --inside_; }
+  int Inside() const { return inside_.load(); }
+  uint64_t Entries() const { return entries_.load(); }
+  // Closes the gate and waits, one tick at a time for at most `ticks`, until
+  // nobody is inside; nudge runs each tick to release endless waits. The gate
+  // stays closed either way: true when it emptied.
+  bool Close(int ticks, const std::function<void()>& nudge = nullptr);
+  void Open() { closed_ = false; }
+
+ private:
+  std::atomic<bool> closed_{false};
+  std::atomic<int> inside_{0};
+  std::atomic<uint64_t> entries_{0};  // every entry ever, for bounds taken while open
+};
+
+// Throttle for checks that stop part of the load: true at most once per
+// `periodMs`.
+bool Due(int64_t& last, int64_t periodMs);
 
 }  // namespace soak

@@ -34,19 +34,20 @@ void Work(Worker& self) {
     return;
   }
   const int i = static_cast<int>(self.rng() % kStable);
-  const LX_STATUS got = Timed(self, "mutex get", wait, g_counts, LX_NOT_AVAILABLE,
-                              [&] { return _lx_MutexGet(&g_stable[i], wait); });
+  const bool fake = self.index == 0 && Injecting("mutual-exclusion");  // "holds" without getting
+  const LX_STATUS got = fake ? LX_SUCCESS : Timed(self, "mutex get", wait, g_counts, LX_NOT_AVAILABLE,
+                                                  [&] { return _lx_MutexGet(&g_stable[i], wait); });
   Expect(got, {LX_SUCCESS, LX_NOT_AVAILABLE, LX_WAIT_ABORTED}, "mutex get");
   if (got != LX_SUCCESS) return;
   if (Worker* other = g_holder[i].exchange(&self); other != nullptr) {
     Fail("mutual exclusion: %s got mutex %d while %s holds it", self.name, i, other->name);
   }
-  if (self.rng() % 4 == 0) _lx_ThreadSleep(1);
+  if (fake || self.rng() % 4 == 0) _lx_ThreadSleep(1);
   Worker* expected = &self;
   if (!g_holder[i].compare_exchange_strong(expected, nullptr)) {
     Fail("mutual exclusion: mutex %d changed hands while %s held it", i, self.name);
   }
-  Expect(_lx_MutexPut(&g_stable[i]), {LX_SUCCESS}, "mutex put");
+  if (!fake) Expect(_lx_MutexPut(&g_stable[i]), {LX_SUCCESS}, "mutex put");
 }
 
 void Chaos(std::mt19937_64& rng) {

@@ -38,8 +38,13 @@ inline bool DeadlineInTicks(uint32_t ticks, timespec& deadline) noexcept {
 // Calls a POSIX wait that reports failure as -1 with errno, again as long as
 // it fails with EINTR (a suspension interrupts it; the same deadline still
 // holds afterwards). Returns 0 on success, else the final errno.
+//
+// Not noexcept, nor may any function that calls it be: the waits are
+// cancellation points, and a terminate cancels a thread inside one. The
+// cancellation unwinds the thread's stack, and a noexcept frame on the way
+// would end the whole process instead.
 template <typename Wait>
-int RetryInterrupted(Wait wait) noexcept {
+int RetryInterrupted(Wait wait) {
   for (;;) {
     if (wait() == 0) return 0;
     if (errno != EINTR) return errno;

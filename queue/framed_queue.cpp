@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "cm/cm_internal.h"
 #include "kernel/platform.h"
 #include "queue/queue_internal.h"
 #include "quorvin/lx_framed_queue.h"
@@ -44,10 +45,11 @@ constexpr uint32_t SlotAreaBytes(uint16_t size, uint8_t slots) noexcept {
 
 void LogReceiveError(int line) noexcept { DiagLog(kLogLevel, kLogFlag, "Error in %s Line :%d\n", "QueueReceive", line); }
 
-// The lock around the slot work, a no-op for a queue without one.
+// The lock around the slot work, a no-op for a queue without one. Taking it
+// may wait, and a terminate may cancel the thread there: not noexcept.
 class SlotLock {
  public:
-  SlotLock(FramedQueueCtrl& queue, uint32_t waitOption) noexcept
+  SlotLock(FramedQueueCtrl& queue, uint32_t waitOption)
       : queue_(queue), status_(queue.u8Locked != 0 ? _lx_SemaphoreGet(&queue.psLockSemaphore, waitOption) : 0) {}
   ~SlotLock() { Release(); }
   SlotLock(const SlotLock&) = delete;
@@ -65,8 +67,8 @@ class SlotLock {
 
 // Posts a slot offset through a scratch of the underlying queue's real
 // message size, so that a bigger queue found under the same name reads
-// nothing beyond it.
-LX_STATUS PostOffset(FramedQueueCtrl& queue, uint32_t offset, bool atBack, uint32_t waitOption) noexcept {
+// nothing beyond it. May wait: not noexcept.
+LX_STATUS PostOffset(FramedQueueCtrl& queue, uint32_t offset, bool atBack, uint32_t waitOption) {
   MessageScratch scratch(MessageBytesOf(&queue.psMsgQueue));
   if (scratch.data() == nullptr) return LX_QUEUE_ERROR;
   std::memcpy(scratch.data(), &offset, sizeof offset);
@@ -141,13 +143,22 @@ LX_STATUS QueueReceive(FramedQueueCtrl* psQueue, void* pvDestination, uint32_t u
   }
   uint32_t offset = 0;
   std::memcpy(&offset, scratch.data(), sizeof offset);
+  // Should the lock not come, the message stays: its offset goes back to the
+  // front, where it fits (it was just taken out), without waiting. The same
+  // when a terminate cancels the thread in the lock's wait.
+  struct PutBack {
+    FramedQueueCtrl& queue;
+    uint32_t offset;
+    bool armed = true;
+    ~PutBack() {
+      if (!armed) return;
+      SystemSection section;
+      PostOffset(queue, offset, false, LX_NO_WAIT);
+    }
+  } putBack{queue, offset};
   SlotLock lock(queue, u32WaitOption);
-  if (lock.status() != LX_SUCCESS) {
-    // The message stays: its offset goes back to the front, where it fits
-    // (it was just taken out), without waiting.
-    PostOffset(queue, offset, false, LX_NO_WAIT);
-    return LX_QUEUE_ERROR;
-  }
+  if (lock.status() != LX_SUCCESS) return LX_QUEUE_ERROR;
+  putBack.armed = false;
   uint8_t expected = kFull;
   const bool claimed = offset < UsedBytes(queue) && offset % Stride(queue) == 0 &&
                        StateAt(queue, offset).compare_exchange_strong(expected, kCopying, std::memory_order_acquire);

@@ -99,14 +99,49 @@ EventFlagsWaiter* ArmLocked(EventFlagsControlBlock& group, LX_THREAD* caller, ui
   return waiter;
 }
 
+// Withdraws a wait that ends without a post: a record still armed is
+// disarmed and the count lowered (true); a record a set disarmed meanwhile
+// has been posted (false). A wait for no flags is never satisfied, so
+// nothing disarms it. sLock held.
+bool WithdrawLocked(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested) noexcept {
+  if (waiter.u32RequestedFlags == 0 && requested != 0) return false;
+  waiter.u32RequestedFlags = 0;
+  LowerWaitCountLocked(group);
+  return true;
+}
+
+// A terminate cancels a thread inside its wait. On the way out the wait
+// withdraws, or takes the post a set made before it disarmed the record
+// (under sLock, so the post is there), and the record is left disarmed and
+// empty for the next thread on the same handle word.
+class CancelledWait {
+ public:
+  CancelledWait(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested) noexcept
+      : group_(group), waiter_(waiter), requested_(requested) {}
+  ~CancelledWait() {
+    if (ended_) return;
+    GroupLock lock(group_);
+    if (!WithdrawLocked(group_, waiter_, requested_)) sem_trywait(&waiter_.sSemaphore);
+  }
+  CancelledWait(const CancelledWait&) = delete;
+  CancelledWait& operator=(const CancelledWait&) = delete;
+  void Ended() noexcept { ended_ = true; }
+
+ private:
+  EventFlagsControlBlock& group_;
+  EventFlagsWaiter& waiter_;
+  uint32_t requested_;
+  bool ended_ = false;
+};
+
 // Sleeps until a set posts the armed record, the wait runs out or fails.
-// A wait that ends without a post withdraws under sLock: a record still armed
-// is disarmed and the count lowered; a record a set disarmed meanwhile has
-// been posted, so that post is taken and the set's flags returned.
-// (A wait for no flags is never satisfied, so nothing disarms it.)
+// A wait that ends without a post withdraws under sLock; if a set disarmed
+// the record meanwhile, its post is taken and the set's flags returned. Not
+// noexcept: a terminate may cancel the thread in the wait.
 LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested, uint32_t* actual,
-                   uint32_t wait) noexcept {
+                   uint32_t wait) {
   sem_t* semaphore = &waiter.sSemaphore;
+  CancelledWait cancelled(group, waiter, requested);
   LX_STATUS failure = LX_NO_EVENTS;
   int error = 0;
   timespec deadline{};
@@ -121,14 +156,14 @@ LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint
   if (error != 0) {
     {
       GroupLock lock(group);
-      if (waiter.u32RequestedFlags != 0 || requested == 0) {
-        waiter.u32RequestedFlags = 0;
-        LowerWaitCountLocked(group);
+      if (WithdrawLocked(group, waiter, requested)) {
+        cancelled.Ended();
         return failure;
       }
     }
     RetryInterrupted([&] { return sem_wait(semaphore); });  // posted before it was disarmed
   }
+  cancelled.Ended();
   *actual = LoadRelaxed(waiter.u32ActualFlags);
   return LX_SUCCESS;
 }

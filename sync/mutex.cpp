@@ -105,6 +105,9 @@ LX_STATUS _lx_MutexDelete(LX_MUTEX* psMutex) {
   if (const LX_STATUS status = CheckHandle(psMutex, caller); status != LX_SUCCESS) return status;
   if (!Registered(caller)) return LX_MUTEX_ERROR;
   const LX_STATUS status = IssueOwnRequest(caller, CM_MUTEX_DELETE, psMutex, LX_NO_WAIT);
+  // A delete the dispatcher never saw (no descriptor for its reply pipe; the
+  // handler itself never answers 29) leaves the mutex as it was, to retry.
+  if (status == LX_NOT_AVAILABLE) return status;
   Mutexes().Remove(psMutex);
   // The handler has cleared the word already; NULL it in any case.
   std::atomic_ref<MutexControlBlock*>(*psMutex).store(nullptr, std::memory_order_release);

@@ -41,7 +41,8 @@ LX_STATUS WaitStatus(int error) noexcept {
 }
 
 // A get that may wait (kept out of line, so the no-wait get stays short).
-[[gnu::noinline]] LX_STATUS WaitingGet(LX_SEMAPHORE* handle, uint32_t wait) noexcept {
+// Not noexcept: a terminate may cancel the thread in the wait.
+[[gnu::noinline]] LX_STATUS WaitingGet(LX_SEMAPHORE* handle, uint32_t wait) {
   if (CallerIsTimerThread()) return LX_WAIT_ERROR;
   sem_t* semaphore = SemaphoreOf(handle);
   if (semaphore == nullptr) return InvalidGet();

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Package check: builds the Debian packages of a configured build tree with
 # cpack, unpacks them into a fresh root, checks the layout, then builds the
-# consumer in this folder and the demo firmware outside the source tree, once
-# with pkg-config and once with find_package(quorvin), and runs them.
+# consumer in this folder, the demo firmware and the guide's example outside
+# the source tree, once with pkg-config and once with find_package(quorvin),
+# and runs them.
 #
 #   tests/install/check.sh [build-dir]      (default: build/default)
 #
@@ -70,7 +71,7 @@ fi
 
 # The programs are built from copies, so nothing can refer back into the tree.
 cp -r "$here" "$work/src"
-cp "$root/examples/demo_firmware.c" "$work/src/"
+cp "$root/examples/demo_firmware.c" "$root/examples/guide_example.c" "$work/src/"
 
 # Checks that a program needs the packaged library and takes it when run.
 check_links() {
@@ -86,12 +87,17 @@ run_programs() {
   local dir=$1 how=$2
   check_links "$dir/app" "$how"
   check_links "$dir/demo_firmware" "$how"
+  check_links "$dir/guide_example" "$how"
   echo "-- $how consumer:"
   env LD_LIBRARY_PATH="$libdir" "${emulator[@]}" "$dir/app" || fail "$how: the consumer failed"
   echo "-- $how demo firmware:"
   LD_LIBRARY_PATH="$libdir" "$root/examples/check_demo.sh" "${emulator[@]}" "$dir/demo_firmware" >"$work/demo.log" 2>&1 ||
     { cat "$work/demo.log" >&2; fail "$how: the demo firmware check failed"; }
   tail -n 1 "$work/demo.log"
+  echo "-- $how guide example:"
+  LD_LIBRARY_PATH="$libdir" "$root/examples/check_guide_example.sh" "${emulator[@]}" "$dir/guide_example" >"$work/guide.log" 2>&1 ||
+    { cat "$work/guide.log" >&2; fail "$how: the guide example check failed"; }
+  tail -n 1 "$work/guide.log"
 }
 
 flags=$(PKG_CONFIG_SYSROOT_DIR= PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs quorvin)
@@ -101,6 +107,8 @@ mkdir -p "$work/pkg-config"
 "$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pkg-config/app" "$work/src/consumer.c" $flags
 # shellcheck disable=SC2086
 "$cc" -std=gnu11 -Wall -Wextra -o "$work/pkg-config/demo_firmware" "$work/src/demo_firmware.c" $flags
+# shellcheck disable=SC2086
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pkg-config/guide_example" "$work/src/guide_example.c" $flags
 run_programs "$work/pkg-config" pkg-config
 
 echo "-- find_package(quorvin)"

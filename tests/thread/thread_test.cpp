@@ -508,5 +508,19 @@ TEST_F(ThreadServicesTest, DeleteWaitsForATerminatedThreadToEndButNotForever) {
   EXPECT_EQ(S_i32ThreadPoolIndex, pooled - 1);
 }
 
+TEST_F(ThreadServicesTest, AThreadWhoseEntryReturnedKeepsItsSlotUntilTerminatedAndDeleted) {
+  Worker& finished = Start([](Worker&) {});
+  const std::string task = "/proc/self/task/" + std::to_string(finished.tid.load());
+  ASSERT_TRUE(WaitUntil([&] { return ::access(task.c_str(), F_OK) != 0; }));  // the Linux thread has ended
+  const int32_t pooled = S_i32ThreadPoolIndex;
+  EXPECT_EQ(State(finished), LX_STATE_READY);
+  EXPECT_EQ(_lx_ThreadDelete(&finished.handle), LX_DELETE_ERROR);  // never terminated
+  EXPECT_EQ(S_i32ThreadPoolIndex, pooled);
+  ASSERT_EQ(_lx_ThreadTerminate(&finished.handle), LX_SUCCESS);
+  ASSERT_EQ(_lx_ThreadDelete(&finished.handle), LX_SUCCESS);
+  finished.deleted = true;
+  EXPECT_EQ(S_i32ThreadPoolIndex, pooled - 1);
+}
+
 }  // namespace
 }  // namespace quorvin::test
