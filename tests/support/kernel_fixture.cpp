@@ -114,25 +114,21 @@ StandInTimer::StandInTimer() {
   if (status != LX_SUCCESS) ADD_FAILURE() << "stand-in timer thread: status " << status;
 }
 
-void StandInTimer::RunPasses(int n) {
-  for (int i = 0; i < n; ++i) {
-    const char command = 'P';
-    char reply = 0;
-    while (::write(commands_[1], &command, 1) != 1) {
-    }
-    while (::read(done_[0], &reply, 1) != 1) {
-    }
-  }
-}
-
-void StandInTimer::Run(const std::function<void()>& work) {
-  work_ = work;
-  const char command = 'W';
+void StandInTimer::Command(char command) {
   char reply = 0;
   while (::write(commands_[1], &command, 1) != 1) {
   }
   while (::read(done_[0], &reply, 1) != 1) {
   }
+}
+
+void StandInTimer::RunPasses(int n) {
+  for (int i = 0; i < n; ++i) Command('P');
+}
+
+void StandInTimer::Run(const std::function<void()>& work) {
+  work_ = work;
+  Command('W');
 }
 
 std::vector<uint64_t>& RecordedValues() {

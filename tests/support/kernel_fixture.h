@@ -71,6 +71,8 @@ class StandInTimer {
   void Run(const std::function<void()>& work);
 
  private:
+  // Sends one command ('P': a pass, 'W': the work) and waits until it is done.
+  void Command(char command);
   int commands_[2];
   int done_[2];
   std::function<void()> work_;
