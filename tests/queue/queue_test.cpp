@@ -1,11 +1,11 @@
-// Message queues on POSIX queues (sizes, order, names, leftovers, host limits, waits and their deadlines)
-// and the framed queues over them (buffer layout and offsets, order, full slots, flush, the lock, log lines,
-// the timer thread, a bigger queue under the same name and a many-thread stress).
-// The dispatcher's queue class: hand-over, waiting senders and receivers,
-// time-outs, aborts, prioritize, flush and delete; every case once through
-// CM_QueueFunction and once through the stand-alone handlers. And the queue
-// list store: order at both ends, the node pool, the list lock and the
-// receive gate.
+// Every queue. Message queues on POSIX queues: sizes, order, names, leftovers,
+// host limits, waits and their deadlines. Framed queues over them: buffer
+// layout and offsets, order, full slots, flush, the lock, log lines, the timer
+// thread, a bigger queue under the same name and a many-thread stress. The
+// dispatcher's queue class: hand-over, waiting senders and receivers,
+// time-outs, aborts, prioritize, flush and delete, every case once through
+// CM_QueueFunction and once through the stand-alone handlers. The queue list
+// store: order at both ends, the node pool, the list lock and the receive gate.
 #include <mqueue.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
