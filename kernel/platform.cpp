@@ -71,6 +71,14 @@ void KeepBlock(void* block) noexcept {
   pthread_mutex_unlock(&g_keptLock);
 }
 
+bool BlockKept(const void* block) noexcept {
+  pthread_mutex_lock(&g_keptLock);
+  bool found = false;
+  for (std::size_t i = 0; i < g_keptCount && !found; ++i) found = g_kept[i] == block;
+  pthread_mutex_unlock(&g_keptLock);
+  return found;
+}
+
 void DropBlock(void* block) noexcept {
   pthread_mutex_lock(&g_keptLock);
   for (std::size_t i = g_keptCount; i-- > 0;) {

@@ -42,6 +42,8 @@ void DiagLog(int level, int flag, const char* format, Args... args) noexcept {
 // DropBlock takes a block off before the library frees it. Thread-safe.
 void KeepBlock(void* block) noexcept;
 void DropBlock(void* block) noexcept;
+// Whether a block is listed (for tests).
+bool BlockKept(const void* block) noexcept;
 
 // Writes all bytes to a descriptor, retrying interrupted and partial writes.
 void WriteAll(int fd, const char* data, std::size_t length) noexcept;

@@ -1,8 +1,13 @@
 // Block and byte pools: creation checks and the registry, capacity, zeroed and headed memory, hand-over
-// order, head-of-line blocking, time-outs, aborts, prioritize, delete, refused releases and callers.
+// order, head-of-line blocking, time-outs, aborts, prioritize, delete, refused releases and callers, and
+// memory the heap refuses after the dispatcher granted it.
+#include <sys/mman.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -19,6 +24,29 @@ using namespace quorvin::detail;
 
 char g_area[512];  // named at creation, never used
 LX_BLOCK_POOL* const kUnwritten = reinterpret_cast<LX_BLOCK_POOL*>(0x5a5a);
+constexpr rlim_t kMiB = 1024 * 1024;
+
+rlim_t MappedBytes() {
+  std::ifstream statm("/proc/self/statm");
+  rlim_t pages = 0;
+  statm >> pages;
+  return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
+bool LimitAddressSpace(rlim_t bytes) {
+  const rlimit limit{bytes, RLIM_INFINITY};
+  return setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+// Whether a limit below what is mapped refuses new mappings (an emulator may ignore it).
+bool LimitEnforced() {
+  if (!LimitAddressSpace(MappedBytes() / 2)) return false;
+  void* probe = mmap(nullptr, kMiB, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  LimitAddressSpace(RLIM_INFINITY);
+  if (probe == MAP_FAILED) return true;
+  munmap(probe, kMiB);
+  return false;
+}
 
 class PoolTest : public KernelTest {
  protected:
@@ -26,11 +54,8 @@ class PoolTest : public KernelTest {
 
   // A thread that runs allocate(&its memory) and has begun to wait on list.
   Waiter& Wait(const SuspendCtrl& list, std::function<LX_STATUS(void**)> allocate, uint16_t priority = 32) {
-    const int32_t before = Waiting(list);
     void** memory = &memory_.emplace_back();
-    Waiter& waiter = waiters_.Start([allocate, memory] { return allocate(memory); },
-                                    [&list, before] { return Waiting(list) == before + 1; }, priority);
-    return waiter;
+    return waiters_.StartOn(list, [allocate, memory] { return allocate(memory); }, priority);
   }
   Waiter& WaitBlock(LX_BLOCK_POOL& pool, uint16_t priority = 32, uint32_t wait = LX_WAIT_FOREVER) {
     return Wait(pool->sSuspendCtrl, [&pool, wait](void** m) { return _lx_BlockAllocate(&pool, m, wait); }, priority);
@@ -224,17 +249,15 @@ TEST_F(PoolTest, TimerThreadIsRefusedWhatCouldMakeItWaitAndOutsideThreadsAreRefu
   ASSERT_EQ(_lx_BytePoolCreate(&bytes, "bytes", g_area, 100), LX_SUCCESS);
   void* block = nullptr;
   void* untouched = &untouched;
-  std::vector<LX_STATUS> statuses;
-  Timer().Run([&] {
-    statuses = {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
-                _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
-                _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
-                _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
-                _lx_BytePoolPrioritize(&bytes)};
-    statuses.push_back(_lx_BlockRelease(block));
-  });
-  EXPECT_EQ(statuses, (std::vector<LX_STATUS>{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_WAIT_ERROR, 0, 0, LX_CALLER_ERROR,
-                                              LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0}));
+  EXPECT_EQ(OnTimerThread([&]() -> Statuses {
+              return {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
+                      _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
+                      _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
+                      _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
+                      _lx_BytePoolPrioritize(&bytes), _lx_BlockRelease(block)};
+            }),
+            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_WAIT_ERROR, 0, 0, LX_CALLER_ERROR, LX_CALLER_ERROR,
+                      LX_CALLER_ERROR, 0, 0}));
   EXPECT_EQ(std::tuple(blocksFromTimer, bytesFromTimer, untouched), std::tuple(nullptr, nullptr, (void*)&untouched));
   void* mine[2] = {Block(blocks), Bytes(bytes, 10)};
   std::thread([&] {
@@ -249,6 +272,31 @@ TEST_F(PoolTest, TimerThreadIsRefusedWhatCouldMakeItWaitAndOutsideThreadsAreRefu
   EXPECT_EQ(std::tuple(InUse(blocks), Available(bytes)), std::tuple(1u, 90u));
   EXPECT_EQ(std::tuple(_lx_BlockRelease(mine[0]), _lx_ByteRelease(mine[1])), std::tuple(0, 0));
   EXPECT_EQ(std::tuple(_lx_BlockPoolDelete(&blocks), _lx_BytePoolDelete(&bytes)), std::tuple(0, 0));
+}
+
+// Memory the heap refuses goes back to the pool, serving the next waiter, and the allocation answers
+// LX_NO_MEMORY. The heap is made to refuse by an address-space limit below what the areas need.
+TEST_F(PoolTest, BytesWithoutHeapGoBackAndServeTheNextWaiter) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "sanitizer allocators do not return NULL under an address-space limit";
+#endif
+  if (!LimitEnforced()) GTEST_SKIP() << "address-space limit not enforced here";
+  static LX_BYTE_POOL pool = nullptr;
+  constexpr uint32_t kBudget = 512 * kMiB;
+  ASSERT_EQ(_lx_BytePoolCreate(&pool, "big", g_area, kBudget), LX_SUCCESS);
+  void* all = Bytes(pool, kBudget);
+  Waiter& first = WaitBytes(pool, 300 * kMiB);
+  Waiter& second = WaitBytes(pool, 200 * kMiB);
+  // Once the budget's area is freed, at most 100 MiB more may be mapped.
+  ASSERT_TRUE(LimitAddressSpace(MappedBytes() - kBudget + 100 * kMiB));
+  ASSERT_EQ(_lx_ByteRelease(all), LX_SUCCESS);  // grants the 300, given back, which grants the 200, given back
+  EXPECT_EQ(std::tuple(Waiters::StatusOf(first), Waiters::StatusOf(second)), std::tuple(LX_NO_MEMORY, LX_NO_MEMORY));
+  EXPECT_EQ(std::tuple(memory_[0], memory_[1]), std::tuple(nullptr, nullptr));
+  void* refused = &refused;
+  EXPECT_EQ(_lx_ByteAllocate(&pool, &refused, 300 * kMiB, LX_NO_WAIT), LX_NO_MEMORY);
+  EXPECT_EQ(refused, &refused);
+  ASSERT_TRUE(LimitAddressSpace(RLIM_INFINITY));
+  EXPECT_EQ(std::tuple(Waiting(pool->sSuspendCtrl), Available(pool)), std::tuple(0, kBudget));
 }
 
 }  // namespace

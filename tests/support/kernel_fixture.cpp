@@ -114,25 +114,21 @@ StandInTimer::StandInTimer() {
   if (status != LX_SUCCESS) ADD_FAILURE() << "stand-in timer thread: status " << status;
 }
 
-void StandInTimer::RunPasses(int n) {
-  for (int i = 0; i < n; ++i) {
-    const char command = 'P';
-    char reply = 0;
-    while (::write(commands_[1], &command, 1) != 1) {
-    }
-    while (::read(done_[0], &reply, 1) != 1) {
-    }
-  }
-}
-
-void StandInTimer::Run(const std::function<void()>& work) {
-  work_ = work;
-  const char command = 'W';
+void StandInTimer::Command(char command) {
   char reply = 0;
   while (::write(commands_[1], &command, 1) != 1) {
   }
   while (::read(done_[0], &reply, 1) != 1) {
   }
+}
+
+void StandInTimer::RunPasses(int n) {
+  for (int i = 0; i < n; ++i) Command('P');
+}
+
+void StandInTimer::Run(const std::function<void()>& work) {
+  work_ = work;
+  Command('W');
 }
 
 std::vector<uint64_t>& RecordedValues() {
@@ -230,6 +226,12 @@ StandInTimer& Timer() {
   return *timer;
 }
 
+Statuses OnTimerThread(const std::function<Statuses()>& calls) {
+  Statuses statuses;
+  Timer().Run([&] { statuses = calls(); });
+  return statuses;
+}
+
 size_t SleepAgentEntries() {
   std::lock_guard lock(quorvin::detail::CmLock());
   size_t n = 0;
@@ -256,6 +258,11 @@ Waiters::Waiter& Waiters::Start(std::function<uint32_t()> call, std::function<bo
     EXPECT_TRUE(WaitUntil(parked)) << name << " never began to wait";
   }
   return waiter;
+}
+
+Waiters::Waiter& Waiters::StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority) {
+  const int32_t before = Waiting(list);
+  return Start(std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
 }
 
 uint32_t Waiters::StatusOf(const Waiter& waiter, std::chrono::milliseconds limit) {

@@ -71,6 +71,8 @@ class StandInTimer {
   void Run(const std::function<void()>& work);
 
  private:
+  // Sends one command ('P': a pass, 'W': the work) and waits until it is done.
+  void Command(char command);
   int commands_[2];
   int done_[2];
   std::function<void()> work_;
@@ -79,6 +81,10 @@ class StandInTimer {
 // The process's stand-in timer thread, made on first use and never destroyed
 // (its thread lives on with the process).
 StandInTimer& Timer();
+
+// Runs calls on the timer thread and returns the statuses they gave, in order.
+using Statuses = std::vector<LX_STATUS>;
+Statuses OnTimerThread(const std::function<Statuses()>& calls);
 
 // Finite waits registered with the sleep agent now.
 size_t SleepAgentEntries();
@@ -103,6 +109,8 @@ class Waiters {
   // given, returns only once parked() holds (the thread has begun to wait).
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
                 const char* name = "waiter");
+  // Starts a thread that runs call and returns once it has joined the waiters on list.
+  Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32);
   // The waiter's status once its call has returned (kPending if it never does
   // within the limit).
   static uint32_t StatusOf(const Waiter& waiter,
