@@ -38,8 +38,10 @@ inline bool DeadlineInTicks(uint32_t ticks, timespec& deadline) noexcept {
 // Calls a POSIX wait that reports failure as -1 with errno, again as long as
 // it fails with EINTR (a suspension interrupts it; the same deadline still
 // holds afterwards). Returns 0 on success, else the final errno.
+// The waits are cancellation points: a thread terminated while it waits
+// unwinds through here, so neither this nor its callers may be noexcept.
 template <typename Wait>
-int RetryInterrupted(Wait wait) noexcept {
+int RetryInterrupted(Wait wait) {
   for (;;) {
     if (wait() == 0) return 0;
     if (errno != EINTR) return errno;

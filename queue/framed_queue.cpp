@@ -47,7 +47,9 @@ void LogReceiveError(int line) noexcept { DiagLog(kLogLevel, kLogFlag, "Error in
 // The lock around the slot work, a no-op for a queue without one.
 class SlotLock {
  public:
-  SlotLock(FramedQueueCtrl& queue, uint32_t waitOption) noexcept
+  // Not noexcept: the wait for the lock is a cancellation point. A thread
+  // terminated while it holds the lock gives it back as it unwinds.
+  SlotLock(FramedQueueCtrl& queue, uint32_t waitOption)
       : queue_(queue), status_(queue.u8Locked != 0 ? _lx_SemaphoreGet(&queue.psLockSemaphore, waitOption) : 0) {}
   ~SlotLock() { Release(); }
   SlotLock(const SlotLock&) = delete;
@@ -66,7 +68,7 @@ class SlotLock {
 // Posts a slot offset through a scratch of the underlying queue's real
 // message size, so that a bigger queue found under the same name reads
 // nothing beyond it.
-LX_STATUS PostOffset(FramedQueueCtrl& queue, uint32_t offset, bool atBack, uint32_t waitOption) noexcept {
+LX_STATUS PostOffset(FramedQueueCtrl& queue, uint32_t offset, bool atBack, uint32_t waitOption) {
   MessageScratch scratch(MessageBytesOf(&queue.psMsgQueue));
   if (scratch.data() == nullptr) return LX_QUEUE_ERROR;
   std::memcpy(scratch.data(), &offset, sizeof offset);

@@ -62,7 +62,7 @@ mqd_t OpenQueue(const char* name, mq_attr& attr, bool& found) noexcept {
 
 // Send or receive one message. A deadline of zero lies in the past, so a
 // call without wait fails at once when it would block.
-LX_STATUS Transfer(LX_QUEUE* handle, void* buffer, uint32_t waitOption, bool send, uint32_t priority) noexcept {
+LX_STATUS Transfer(LX_QUEUE* handle, void* buffer, uint32_t waitOption, bool send, uint32_t priority) {
   const MqQueueRecord* queue = RecordOf(handle);
   if (queue == nullptr) return LX_QUEUE_ERROR;
   if (buffer == nullptr) return LX_PTR_ERROR;

@@ -99,13 +99,41 @@ EventFlagsWaiter* ArmLocked(EventFlagsControlBlock& group, LX_THREAD* caller, ui
   return waiter;
 }
 
+// A thread terminated in its wait (the waits are cancellation points) leaves
+// through this guard: its record is disarmed and the count lowered, or, when a
+// set disarmed it meanwhile, that set's post is taken back, so the record is
+// left as a finished wait leaves it and no later set wakes a thread that is gone.
+class WithdrawOnUnwind {
+ public:
+  WithdrawOnUnwind(EventFlagsControlBlock& group, EventFlagsWaiter& waiter) noexcept : group_(group), waiter_(waiter) {}
+  WithdrawOnUnwind(const WithdrawOnUnwind&) = delete;
+  WithdrawOnUnwind& operator=(const WithdrawOnUnwind&) = delete;
+  ~WithdrawOnUnwind() {
+    if (done_) return;
+    GroupLock lock(group_);
+    if (waiter_.u32RequestedFlags != 0) {
+      waiter_.u32RequestedFlags = 0;
+      LowerWaitCountLocked(group_);
+    } else {
+      sem_trywait(&waiter_.sSemaphore);
+    }
+  }
+  void Done() noexcept { done_ = true; }
+
+ private:
+  EventFlagsControlBlock& group_;
+  EventFlagsWaiter& waiter_;
+  bool done_ = false;
+};
+
 // Sleeps until a set posts the armed record, the wait runs out or fails.
 // A wait that ends without a post withdraws under sLock: a record still armed
 // is disarmed and the count lowered; a record a set disarmed meanwhile has
 // been posted, so that post is taken and the set's flags returned.
 // (A wait for no flags is never satisfied, so nothing disarms it.)
 LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint32_t requested, uint32_t* actual,
-                   uint32_t wait) noexcept {
+                   uint32_t wait) {
+  WithdrawOnUnwind unwind(group, waiter);
   sem_t* semaphore = &waiter.sSemaphore;
   LX_STATUS failure = LX_NO_EVENTS;
   int error = 0;
@@ -124,11 +152,13 @@ LX_STATUS AwaitSet(EventFlagsControlBlock& group, EventFlagsWaiter& waiter, uint
       if (waiter.u32RequestedFlags != 0 || requested == 0) {
         waiter.u32RequestedFlags = 0;
         LowerWaitCountLocked(group);
+        unwind.Done();
         return failure;
       }
     }
     RetryInterrupted([&] { return sem_wait(semaphore); });  // posted before it was disarmed
   }
+  unwind.Done();
   *actual = LoadRelaxed(waiter.u32ActualFlags);
   return LX_SUCCESS;
 }

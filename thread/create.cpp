@@ -62,8 +62,10 @@ int TakeThreadSignal() {
 }
 
 // The suspension itself: waits for signal 10 (a signal 14 taken meanwhile is
-// consumed and ignored), then marks the thread ready.
-void WaitForResume() noexcept {
+// consumed and ignored), then marks the thread ready. sigwait is a
+// cancellation point: a thread terminated while suspended, or before its
+// first resume, unwinds through here.
+void WaitForResume() {
   LX_THREAD* self = _lx_ThreadIdentify();
   while (TakeThreadSignal() != SIGUSR1) {
   }
