@@ -61,11 +61,21 @@ int TakeThreadSignal() {
   return signal;
 }
 
+// Set while the thread waits for a resume. A suspension that arrives then
+// (signal 12 during a deferred suspension or before the first resume) finds
+// the thread suspended already and does nothing: one resume always ends the
+// wait, as suspensions are not counted. Initial-exec TLS: read by the handler.
+[[gnu::tls_model("initial-exec")]] thread_local bool t_awaitingResume = false;
+
 // The suspension itself: waits for signal 10 (a signal 14 taken meanwhile is
 // consumed and ignored), then marks the thread ready. sigwait is a
 // cancellation point: a thread terminated while suspended, or before its
-// first resume, unwinds through here.
+// first resume, unwinds through here (the flag is cleared on the way).
 void WaitForResume() {
+  struct Awaiting {
+    Awaiting() noexcept { t_awaitingResume = true; }
+    ~Awaiting() { t_awaitingResume = false; }
+  } awaiting;
   LX_THREAD* self = _lx_ThreadIdentify();
   while (TakeThreadSignal() != SIGUSR1) {
   }
@@ -210,7 +220,11 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
 
 namespace quorvin::detail {
 
+// Runs as a locked section ends (a destructor), so the wait may not be
+// cancelled: a terminate resumes the thread, which then ends at its next
+// cancellation point.
 void RunDeferredSuspension() noexcept {
+  NoCancelScope noCancel;
   t_suspensionDeferred = false;
   WaitForResume();
 }
@@ -218,6 +232,7 @@ void RunDeferredSuspension() noexcept {
 }  // namespace quorvin::detail
 
 void ThreadSignalServiceRoutine(int) {
+  if (t_awaitingResume) return;  // suspended already
   if (t_systemSections > 0) {  // holding a system lock: suspend once it is released
     t_suspensionDeferred = true;
     return;

@@ -76,6 +76,9 @@ void CM_ThreadFunction(uint16_t u16Service, CmServiceRequest* psRequest) {
       CompleteLocked(request, LX_SUCCESS);
       StoreState(*target, LX_STATE_TERMINATED);
       pthread_cancel(LoadRelaxed(target->hThread));
+      // A suspension that was deferred to the end of a locked section waits
+      // with cancellation held off: the resume lets the thread go on to its end.
+      pthread_kill(LoadRelaxed(target->hThread), SIGUSR1);
       return;
     default:
       AbortWait(request, *target);

@@ -22,6 +22,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <pthread.h>
 
 #include "fuzz/fuzz.h"
 #include "support/isolation.h"
@@ -100,7 +101,7 @@ uint64_t g_victimGeneration = 0;
 void* VictimEntry(uint64_t input) {
   const auto index = static_cast<int>(input & 0xFF);
   Rng rng(g_seed ^ (input * 0x9E3779B97F4A7C15ull));
-  Ctx ctx{rng, Caller::kKernel};
+  Ctx ctx{rng, Caller::kKernel, true};
   std::vector<void*> blocks;
   while (!g_victimsStop.load(std::memory_order_acquire)) VictimCall(ctx, blocks);
   for (void* block : blocks) _lx_BlockRelease(block);
@@ -117,10 +118,36 @@ void StartVictim(int index) {
          LX_SUCCESS);
 }
 
+// Prints where the kernel thread named name sleeps (for a report).
+void DescribeThread(const char* name) {
+  DIR* tasks = ::opendir("/proc/self/task");
+  if (tasks == nullptr) return;
+  while (dirent* entry = ::readdir(tasks)) {
+    const std::string task = std::string("/proc/self/task/") + entry->d_name;
+    char comm[32] = {}, syscall[128] = {}, wchan[64] = {};
+    const auto slurp = [&](const char* file, char* into, size_t size) {
+      if (FILE* f = std::fopen((task + file).c_str(), "r")) {
+        if (std::fgets(into, static_cast<int>(size), f) == nullptr) into[0] = 0;
+        std::fclose(f);
+      }
+    };
+    slurp("/comm", comm, sizeof comm);
+    if (std::strncmp(comm, name, std::strlen(name)) != 0) continue;
+    slurp("/syscall", syscall, sizeof syscall);
+    slurp("/wchan", wchan, sizeof wchan);
+    std::fprintf(stderr, "fuzz:   task %s (%s): wchan %s, syscall %s", entry->d_name, name, wchan, syscall);
+  }
+  ::closedir(tasks);
+}
+
 // Terminates and deletes a thread; both must succeed, and the word is cleared.
 void EndThread(const char* what, LX_THREAD& handle) {
   Expect(what, _lx_ThreadTerminate(&handle), LX_SUCCESS);
-  Expect(what, _lx_ThreadDelete(&handle), LX_SUCCESS);
+  if (const LX_STATUS status = _lx_ThreadDelete(&handle); status != LX_SUCCESS) {
+    std::fprintf(stderr, "fuzz: %s: delete refused, state %u\n", handle->acName, LoadWord(handle->u16State));
+    DescribeThread(handle->acName);
+    Expect(what, status, LX_SUCCESS);
+  }
   StoreWord(handle, static_cast<LX_THREAD>(nullptr));
 }
 
@@ -166,13 +193,22 @@ void RunOnTimerThread(Rng& rng) {
   Expect("_lx_TimerDelete (batch)", _lx_TimerDelete(&timer), LX_SUCCESS);
 }
 
+void* PlainBatch(void* seed) {
+  Rng own(reinterpret_cast<uintptr_t>(seed));
+  Ctx ctx{own, Caller::kPlain};
+  for (int i = 0; i < kBatch; ++i) RandomCall(ctx);
+  return nullptr;
+}
+
 void RunOnPlainThread(Rng& rng) {
-  std::thread plain([seed = rng.Next()] {
-    Rng own(seed);
-    Ctx ctx{own, Caller::kPlain};
-    for (int i = 0; i < kBatch; ++i) RandomCall(ctx);
-  });
-  plain.join();
+  pthread_t plain;
+  const int created = pthread_create(&plain, nullptr, PlainBatch, reinterpret_cast<void*>(rng.Next()));
+  const int joined = created == 0 ? pthread_join(plain, nullptr) : 0;
+  if (created != 0 || joined != 0) {
+    std::fprintf(stderr, "fuzz: FAIL seed %" PRIu64 " after call %" PRIu64 ": plain thread: create %s, join %s\n",
+                 g_seed, g_calls.load(), std::strerror(created), std::strerror(joined));
+    Exit(1);
+  }
 }
 
 // ---- Forever waits that a timer is certain to end ----
@@ -211,6 +247,7 @@ void ForeverWait(Rng& rng) {
 struct Descriptors {
   int queues = 0;  // host message queues
   int others = 0;
+  std::string names;  // the others, for a report
 };
 
 Descriptors CountDescriptors() {
@@ -223,14 +260,16 @@ Descriptors CountDescriptors() {
     char target[256] = {};
     const std::string path = std::string("/proc/self/fd/") + entry->d_name;
     const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
-    (length > 0 && std::strncmp(target, "/mq_", 4) == 0 ? count.queues : count.others)++;
+    const bool queue = length > 0 && std::strncmp(target, "/mq_", 4) == 0;
+    (queue ? count.queues : count.others)++;
+    if (!queue) count.names += std::string(" ") + entry->d_name + "=" + target;
   }
   ::closedir(directory);
   return count;
 }
 
 // ---- Start and end ----
-void Setup(Ctx& ctx) {
+void Setup() {
   World& w = g_world;
   for (LX_SEMAPHORE& semaphore : w.semaphores) Expect("_lx_SemaphoreCreate", _lx_SemaphoreCreate(&semaphore, "s", 1), LX_SUCCESS);
   Expect("_lx_SemaphoreCreate", _lx_SemaphoreCreate(&w.releasedSemaphore, "released", 0), LX_SUCCESS);
@@ -245,8 +284,6 @@ void Setup(Ctx& ctx) {
     Expect("_lx_QueueCreate", _lx_QueueCreate(&w.queues[i], i == 0 ? "fz0" : "fz1", 4, area, 64), LX_SUCCESS);
     Expect("CmQueueCreate", CmQueueCreate(&w.cmQueues[i], 3, 4, nullptr), LX_SUCCESS);
   }
-  for (int i = 0; i < kVictims; ++i) StartVictim(i);
-  (void)ctx;
 }
 
 void StopVictims() {
@@ -385,7 +422,7 @@ void SanityRound() {
 void* DriverEntry(uint64_t) {
   Rng rng(g_seed);
   Ctx ctx{rng, Caller::kKernel};
-  Setup(ctx);
+  Setup();
   if (!g_options.verbose) {
     // The services' own lines ("... is not implement") would drown the report.
     std::fflush(stdout);
@@ -393,7 +430,9 @@ void* DriverEntry(uint64_t) {
     ::dup2(null, STDOUT_FILENO);
     ::close(null);
   }
+  // Counted before the victims start: no reply pipe is open meanwhile.
   const Descriptors before = CountDescriptors();
+  for (int i = 0; i < kVictims; ++i) StartVictim(i);
   const auto start = std::chrono::steady_clock::now();
   while (g_calls.load(std::memory_order_relaxed) < g_options.calls) {
     const uint32_t roll = rng.Below(1000);
@@ -424,6 +463,7 @@ void* DriverEntry(uint64_t) {
                  "fuzz: FAIL seed %" PRIu64 ": descriptors leaked: %d other than queues before, %d after; %d queue "
                  "descriptors, at most %d expected\n",
                  g_seed, before.others, after.others, after.queues, queuesAllowed);
+    std::fprintf(stderr, "fuzz:   before:%s\nfuzz:   after:%s\n", before.names.c_str(), after.names.c_str());
     Exit(1);
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -473,6 +513,7 @@ void Ctx::Check(const char* service, uint32_t status, uint32_t allowed) const {
   g_byCaller[static_cast<int>(caller)].fetch_add(1, std::memory_order_relaxed);
   g_service.store(service, std::memory_order_relaxed);
   if (status < 32 && (allowed >> status & 1u) != 0) return;
+  if (victim && status == LX_NOT_AVAILABLE) _lx_ThreadSleep(100);  // a terminate ends the thread in here
   std::string expected;
   for (uint32_t s = 0; s < 32; ++s) {
     if ((allowed >> s & 1u) != 0) expected += " " + std::to_string(s);

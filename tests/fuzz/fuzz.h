@@ -48,6 +48,9 @@ class Rng {
 struct Ctx {
   Rng& rng;
   Caller caller;
+  // A victim's request may be answered LX_NOT_AVAILABLE when a terminate
+  // takes it over; the victim then ends at its next cancellation point.
+  bool victim = false;
   void Check(const char* service, uint32_t status, uint32_t allowed) const;
   // The wait option for a service that refuses waits on the timer thread:
   // there any wait may be asked for, since none can stall it.
