@@ -47,6 +47,10 @@ struct Options {
 Options g_options;
 World g_world;
 std::atomic<uint64_t> g_byCaller[3];
+// The driver's own progress: the victims' calls alone must not hide a stuck driver.
+std::atomic<uint64_t> g_driverSteps{0};
+std::atomic<const char*> g_driverDoing{"start-up"};
+std::atomic<const char*> g_driverLast{"nothing"};
 LX_THREAD g_driver = nullptr;
 
 const char* CallerName(Caller caller) {
@@ -66,24 +70,33 @@ const char* CallerName(Caller caller) {
 // An exact expectation of the final round.
 void Expect(const char* what, uint32_t status, uint32_t expected) {
   g_calls.fetch_add(1, std::memory_order_relaxed);
+  g_driverSteps.fetch_add(1, std::memory_order_relaxed);
+  g_driverLast.store(what, std::memory_order_relaxed);
   if (status == expected) return;
   std::fprintf(stderr, "fuzz: FAIL seed %" PRIu64 ": sanity round: %s returned %u, expected %u\n", g_seed, what,
                status, expected);
   Exit(1);
 }
 
+void DescribeThread(const char* name);
+
 // ---- The watchdog: a plain thread outside the kernel ----
 void* Watchdog(void*) {
-  uint64_t last = ~uint64_t{0};
+  uint64_t last = ~uint64_t{0}, lastSteps = ~uint64_t{0};
   int still = 0;
   for (;;) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     const uint64_t now = g_calls.load(std::memory_order_relaxed);
-    still = now == last ? still + 1 : 0;
+    const uint64_t steps = g_driverSteps.load(std::memory_order_relaxed);
+    still = now == last || steps == lastSteps ? still + 1 : 0;
     last = now;
+    lastSteps = steps;
     if (still < g_options.stallSeconds) continue;
-    std::fprintf(stderr, "fuzz: HANG seed %" PRIu64 ": no call returned for %d s; last returned: call %" PRIu64
-                 " (%s)\n", g_seed, still, now, g_service.load());
+    std::fprintf(stderr,
+                 "fuzz: HANG seed %" PRIu64 ": no progress for %d s at call %" PRIu64 "; the driver is in: %s, its "
+                 "last call: %s; last call of anyone: %s\n",
+                 g_seed, still, now, g_driverDoing.load(), g_driverLast.load(), g_service.load());
+    DescribeThread("fuzz");
     for (LX_THREAD& victim : g_world.victims) {
       if (LX_THREAD tcb = LoadWord(victim)) {
         std::fprintf(stderr, "fuzz:   %s state %u\n", tcb->acName, LoadWord(tcb->u16State));
@@ -435,19 +448,26 @@ void* DriverEntry(uint64_t) {
   for (int i = 0; i < kVictims; ++i) StartVictim(i);
   const auto start = std::chrono::steady_clock::now();
   while (g_calls.load(std::memory_order_relaxed) < g_options.calls) {
+    g_driverSteps.fetch_add(1, std::memory_order_relaxed);
     const uint32_t roll = rng.Below(1000);
     if (roll < 12) {
+      g_driverDoing = "a batch on the timer thread";
       RunOnTimerThread(rng);
     } else if (roll < 24) {
+      g_driverDoing = "a batch on a plain thread";
       RunOnPlainThread(rng);
     } else if (roll < 28) {
+      g_driverDoing = "a forever wait";
       ForeverWait(rng);
     } else if (roll < 36) {
+      g_driverDoing = "victim chaos";
       VictimChaos(rng);
     } else {
+      g_driverDoing = "a random call";
       RandomCall(ctx);
     }
   }
+  g_driverDoing = "the final round";
   StopVictims();
   for (LX_THREAD& thread : g_world.threads) {
     if (LoadWord(thread) != nullptr) EndThread("terminate and delete (fuzzer's thread)", thread);
@@ -512,6 +532,7 @@ void Ctx::Check(const char* service, uint32_t status, uint32_t allowed) const {
   const uint64_t call = g_calls.fetch_add(1, std::memory_order_relaxed) + 1;
   g_byCaller[static_cast<int>(caller)].fetch_add(1, std::memory_order_relaxed);
   g_service.store(service, std::memory_order_relaxed);
+  if (caller == Caller::kKernel && !victim) g_driverLast.store(service, std::memory_order_relaxed);
   if (status < 32 && (allowed >> status & 1u) != 0) return;
   if (victim && status == LX_NOT_AVAILABLE) _lx_ThreadSleep(100);  // a terminate ends the thread in here
   std::string expected;
