@@ -164,11 +164,21 @@ void EndThread(const char* what, LX_THREAD& handle) {
   StoreWord(handle, static_cast<LX_THREAD>(nullptr));
 }
 
+// ThreadSanitizer runs a pending signal handler at the next call it
+// intercepts, so a cancellation there acts inside functions that are no
+// cancellation point (an unlock, say) and cannot unwind: under it, running
+// victims are not terminated (see docs/testing.md).
+#if defined(__SANITIZE_THREAD__)
+constexpr uint32_t kChaosKinds = 2;
+#else
+constexpr uint32_t kChaosKinds = 3;
+#endif
+
 // Suspends and resumes, aborts the wait of, or ends and re-creates a victim.
 void VictimChaos(Rng& rng) {
   const auto index = static_cast<int>(rng.Below(kVictims));
   LX_THREAD& victim = g_world.victims[index];
-  switch (rng.Below(3)) {
+  switch (rng.Below(kChaosKinds)) {
     case 0:
       Expect("_lx_ThreadSuspend (victim)", _lx_ThreadSuspend(&victim), LX_SUCCESS);
       _lx_ThreadSleep(rng.Below(2));
