@@ -233,6 +233,13 @@ void RunDeferredSuspension() noexcept {
 
 void ThreadSignalServiceRoutine(int) {
   if (t_awaitingResume) return;  // suspended already
+  // A terminated thread runs on to its end. A suspension that was held back
+  // while it was suspended (signal 12 is blocked in its own handler) would
+  // otherwise stop it again after the terminate's resume, for good.
+  if (const ThreadControlBlock* self = TcbOf(_lx_ThreadIdentify());
+      self != nullptr && LoadState(*self) == LX_STATE_TERMINATED) {
+    return;
+  }
   if (t_systemSections > 0) {  // holding a system lock: suspend once it is released
     t_suspensionDeferred = true;
     return;

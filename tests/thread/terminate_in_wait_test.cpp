@@ -110,5 +110,27 @@ TEST_F(TerminateInWaitTest, SuspendedAndNeverStartedThreadsCanBeTerminated) {
   End(next);
 }
 
+TEST_F(TerminateInWaitTest, ASuspensionHeldBackDuringASuspensionDoesNotStopATerminatedThread) {
+  // The thread is suspended where it cannot be cancelled, and a second
+  // suspension waits behind the first; the terminate's resume must let it run
+  // on to the point where it can be cancelled.
+  std::atomic<bool> inside{false}, leave{false};
+  LX_THREAD& thread = StartBlocked([&] {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    inside = true;
+    while (!leave) _lx_ThreadSleep(1);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    for (;;) _lx_ThreadSleep(100);
+  });
+  ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+  ASSERT_EQ(_lx_ThreadSuspend(&thread), LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return Sleeping(thread); }));
+  std::this_thread::sleep_for(20ms);  // in its suspension now
+  ASSERT_EQ(pthread_kill(thread->hThread, SIGUSR2), 0);  // held back by the running handler
+  EXPECT_EQ(_lx_ThreadTerminate(&thread), LX_SUCCESS);
+  leave = true;
+  EXPECT_EQ(_lx_ThreadDelete(&thread), LX_SUCCESS);
+}
+
 }  // namespace
 }  // namespace quorvin::test
