@@ -98,8 +98,15 @@ TEST_F(TerminateInWaitTest, ThreadsTerminatedInPosixWaitsEndAndTheObjectsServeOn
 }
 
 TEST_F(TerminateInWaitTest, SuspendedAndNeverStartedThreadsCanBeTerminated) {
-  LX_THREAD& unstarted = StartBlocked([] { ADD_FAILURE() << "the entry ran"; }, 0);
-  EXPECT_EQ(StateOf(unstarted), LX_STATE_SUSPENDED);
+  // Made directly: a body handed to Spawn would never be freed, as it never runs.
+  LX_THREAD& unstarted = handles_.emplace_back();
+  const auto never = [](uint64_t) -> void* {
+    ADD_FAILURE() << "the entry ran";
+    return nullptr;
+  };
+  ASSERT_EQ(_lx_ThreadCreate(&unstarted, "unstarted", never, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return StateOf(unstarted) == LX_STATE_SUSPENDED; }));
+  std::this_thread::sleep_for(20ms);
   End(unstarted);
   LX_THREAD& suspended = StartBlocked([] { _lx_ThreadSleep(1000); });
   ASSERT_EQ(_lx_ThreadSuspend(&suspended), LX_SUCCESS);
