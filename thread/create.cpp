@@ -245,6 +245,16 @@ void ThreadSignalServiceRoutine(int) {
     return;
   }
   const int savedErrno = errno;
+  // The wait is not cancelled: the cancellation would unwind out of the
+  // handler into whatever code the signal interrupted, which may be code that
+  // cannot unwind. A terminate resumes the thread instead. Restoring the
+  // state then acts on the cancel at once only if the signal interrupted a
+  // cancellable call (glibc runs those with asynchronous cancellation, so
+  // unwinding from there is what its own cancellation does); otherwise the
+  // thread ends at its next cancellation point. Not a destructor: it may unwind.
+  int cancelState = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
   WaitForResume();
   errno = savedErrno;
+  pthread_setcancelstate(cancelState, nullptr);
 }
