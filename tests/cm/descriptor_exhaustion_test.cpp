@@ -97,7 +97,9 @@ class DescriptorExhaustionTest : public KernelTest {
  protected:
   void SetUp() override {
     KernelTest::SetUp();
-    Timer();  // the stand-in timer thread's pipes exist before the limit falls
+    // The stand-in timer thread's pipes exist before the limit falls, and it
+    // has started: no start-up descriptor (its pid-list line) is open any more.
+    Timer().RunPasses(1);
     ASSERT_EQ(_lx_MutexCreate(&o_.mutex, "m", LX_NO_INHERIT), LX_SUCCESS);
     ASSERT_EQ(_lx_BlockPoolCreate(&o_.blocks, "b", 16, o_.area, 32), LX_SUCCESS);
     ASSERT_EQ(_lx_BytePoolCreate(&o_.bytes, "y", o_.area, 100), LX_SUCCESS);
