@@ -52,6 +52,9 @@ static_assert(sizeof kPipeFailMessage - 1 == 59 && sizeof kThreadFailMessage - 1
 }  // namespace
 
 bool MoveOneByte(int fd, bool write) {
+  // No byte ever moves through a negative descriptor, and poll would wait on
+  // one for ever, should a signal handler have left EAGAIN in errno.
+  if (fd < 0) return false;
   char byte = kWakeByte;
   for (;;) {
     const ssize_t n = write ? ::write(fd, &byte, 1) : ::read(fd, &byte, 1);

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "cm/cm_internal.h"
 #include "quorvin/lx_log.h"
 
 // Standard output from load time on, so that a message written before
@@ -25,6 +26,10 @@ int InitLogFile(const char* pcPath) {
 }
 
 void SaveLogFile(const char* pcPath, const char* pcFormat, ...) {
+  // Opening, writing and closing are cancellation points: a thread terminated
+  // right after its creation, while it writes its pid-list line, would leave
+  // the file open for good. It is cancelled once the line is written.
+  quorvin::detail::NoCancelScope noCancel;
   FILE* file = std::fopen(pcPath, "ae");
   if (file == nullptr) {
     std::perror(pcPath);

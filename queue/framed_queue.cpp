@@ -45,8 +45,9 @@ constexpr uint32_t SlotAreaBytes(uint16_t size, uint8_t slots) noexcept {
 
 void LogReceiveError(int line) noexcept { DiagLog(kLogLevel, kLogFlag, "Error in %s Line :%d\n", "QueueReceive", line); }
 
-// The lock around the slot work, a no-op for a queue without one. Taking it
-// may wait, and a terminate may cancel the thread there: not noexcept.
+// The lock around the slot work, a no-op for a queue without one. Not
+// noexcept: the wait for the lock is a cancellation point. A thread
+// terminated while it holds the lock gives it back as it unwinds.
 class SlotLock {
  public:
   SlotLock(FramedQueueCtrl& queue, uint32_t waitOption)

@@ -61,19 +61,31 @@ int TakeThreadSignal() {
   return signal;
 }
 
+// Set while the thread waits for a resume. A suspension that arrives then
+// (signal 12 during a deferred suspension or before the first resume) finds
+// the thread suspended already and does nothing: one resume always ends the
+// wait, as suspensions are not counted. Initial-exec TLS: read by the handler.
+[[gnu::tls_model("initial-exec")]] thread_local bool t_awaitingResume = false;
+
 // The suspension itself: waits for signal 10 (a signal 14 taken meanwhile is
-// consumed and ignored), then marks the thread ready.
+// consumed and ignored), then marks the thread ready. Serves suspensions
+// (inside the signal's handler), deferred suspensions and the wait for a
+// first resume.
 //
-// Runs in the suspension signal's handler, so a terminate must not cancel the
-// thread here: the unwinding would leave the handler into whatever code the
-// signal interrupted, which need not be a cancellation point. Cancellation
-// is off while the thread waits; a terminate wakes a suspended thread
-// instead, and it is cancelled at its next cancellation point. The type is
-// made deferred first and left so: the signal mostly interrupts a blocking
-// call, which runs with the asynchronous type and sets its own type back as
-// it returns, while going back to the asynchronous type here would act on
-// the terminate's cancellation at once, inside the handler.
+// A terminate must not cancel the thread here: inside the handler the
+// unwinding would leave it into whatever code the signal interrupted, which
+// need not be a cancellation point. Cancellation is off while the thread
+// waits; a terminate resumes the thread instead, and it is cancelled at its
+// next cancellation point. The type is made deferred first and left so: the
+// signal mostly interrupts a blocking call, which runs with the asynchronous
+// type and sets its own type back as it returns, while going back to the
+// asynchronous type here would act on the terminate's cancellation at once,
+// inside the handler.
 void WaitForResume() noexcept {
+  struct Awaiting {
+    Awaiting() noexcept { t_awaitingResume = true; }
+    ~Awaiting() { t_awaitingResume = false; }
+  } awaiting;
   int state = PTHREAD_CANCEL_ENABLE;
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
@@ -222,7 +234,11 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
 
 namespace quorvin::detail {
 
+// Runs as a locked section ends (a destructor), so the wait may not be
+// cancelled: a terminate resumes the thread, which then ends at its next
+// cancellation point.
 void RunDeferredSuspension() noexcept {
+  NoCancelScope noCancel;
   t_suspensionDeferred = false;
   WaitForResume();
 }
@@ -230,6 +246,14 @@ void RunDeferredSuspension() noexcept {
 }  // namespace quorvin::detail
 
 void ThreadSignalServiceRoutine(int) {
+  if (t_awaitingResume) return;  // suspended already
+  // A terminated thread runs on to its end. A suspension that was held back
+  // while it was suspended (signal 12 is blocked in its own handler) would
+  // otherwise stop it again after the terminate's resume, for good.
+  if (const ThreadControlBlock* self = TcbOf(_lx_ThreadIdentify());
+      self != nullptr && LoadState(*self) == LX_STATE_TERMINATED) {
+    return;
+  }
   if (t_systemSections > 0) {  // holding a system lock: suspend once it is released
     t_suspensionDeferred = true;
     return;

@@ -72,16 +72,15 @@ void CM_ThreadFunction(uint16_t u16Service, CmServiceRequest* psRequest) {
       StoreState(*target, LX_STATE_SUSPENDED);
       pthread_kill(LoadRelaxed(target->hThread), SIGUSR2);
       return;
-    case CM_THREAD_TERMINATE: {
-      const bool suspended = LoadState(*target) == LX_STATE_SUSPENDED;
+    case CM_THREAD_TERMINATE:
       CompleteLocked(request, LX_SUCCESS);
       StoreState(*target, LX_STATE_TERMINATED);
       pthread_cancel(LoadRelaxed(target->hThread));
-      // A suspended thread waits for signal 10 with cancellation off: resume
-      // it, so that it reaches its next cancellation point.
-      if (suspended) pthread_kill(LoadRelaxed(target->hThread), SIGUSR1);
+      // A suspended thread, or one whose suspension was deferred to the end
+      // of a locked section, waits for signal 10 with cancellation off: the
+      // resume lets it go on to its next cancellation point.
+      pthread_kill(LoadRelaxed(target->hThread), SIGUSR1);
       return;
-    }
     default:
       AbortWait(request, *target);
   }

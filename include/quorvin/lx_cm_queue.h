@@ -48,7 +48,9 @@ static inline LX_STATUS CmQueueCreate(CM_QUEUE* psQueue, uint32_t u32Capacity, u
   }
   psCtrl->u32Capacity = u32Capacity;
   psCtrl->u32FreeSlots = u32Capacity;
-  *psQueue = psCtrl;
+  /* Published with a release store: the dispatcher reads the word atomically,
+   * also for requests of other threads that name it meanwhile. */
+  __atomic_store_n(psQueue, psCtrl, __ATOMIC_RELEASE);
   return LX_SUCCESS;
 }
 

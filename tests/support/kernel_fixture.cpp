@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -30,9 +31,9 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 namespace {
 
 void* RunBody(uint64_t input) {
-  auto* body = reinterpret_cast<std::function<void()>*>(input);
+  // Owned here, so a thread terminated inside the body frees it as it unwinds.
+  const std::unique_ptr<std::function<void()>> body(reinterpret_cast<std::function<void()>*>(input));
   (*body)();
-  delete body;
   return nullptr;
 }
 
