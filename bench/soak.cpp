@@ -48,6 +48,9 @@
 #include "quorvin/quorvin.h"
 #include "soak.h"
 
+
+// Present in coverage builds only.
+extern "C" void __gcov_dump(void) __attribute__((weak));
 namespace soak {
 
 Options g_options;
@@ -382,6 +385,7 @@ void Finish(bool summary) {
   }
   std::fflush(stdout);
   std::fflush(stderr);
+  if (__gcov_dump != nullptr) __gcov_dump();  // coverage builds: _exit writes no counters
   ::_exit(g_failures.load() == 0 ? 0 : 1);
 }
 

@@ -87,17 +87,34 @@ LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread) {
   ThreadControlBlock* target = TcbOf(psThread);
   if (target == nullptr) return LX_THREAD_ERROR;
   if (LoadState(*target) != LX_STATE_TERMINATED) return LX_DELETE_ERROR;
+  ThreadRecord& record = RecordOf(*target);
+  PosixMutex poolMutex(G_sThreadPoolLock);
+  // One delete at a time joins a thread: a second join of the same id could
+  // meet another thread that has been given the id since the first ended.
+  {
+    SystemSection section;
+    std::lock_guard pool(poolMutex);
+    if (record.deleting || TcbOf(psThread) != target || PoolFindLocked(psThread, false) < 0) {
+      return LX_DELETE_ERROR;
+    }
+    record.deleting = true;
+  }
   // The thread must have ended before its entry leaves the pool and its block
   // is released for reuse; one that never reaches a cancellation point is not waited for
   // beyond a second.
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
   deadline.tv_sec += kDeleteJoinSeconds;
-  if (pthread_timedjoin_np(LoadThreadId(*target), nullptr, &deadline) != 0) return LX_DELETE_ERROR;
+  const bool joined = pthread_timedjoin_np(LoadThreadId(*target), nullptr, &deadline) == 0;
   {
     SystemSection section;
-    PosixMutex poolMutex(G_sThreadPoolLock);
     std::lock_guard pool(poolMutex);
+    if (!joined) {
+      record.deleting = false;
+      return LX_DELETE_ERROR;
+    }
+    // The id may be handed to a new thread from now on: no look-up may find it here.
+    StoreThreadId(*target, pthread_t{});
     const int32_t index = PoolFindLocked(psThread, false);
     if (index < 0) {
       std::printf("%s: Error!  Unable to find thread to delete!\n", "_lx_ThreadDelete");

@@ -23,6 +23,7 @@ struct ThreadRecord {
   ThreadControlBlock tcb;
   pid_t kernelTid;        // set once the thread has applied its start values; 0 before
   SuspendCtrl* parkedOn;  // the suspend list its request hangs on (S_sCmLock)
+  bool deleting;          // a delete is joining the thread (G_sThreadPoolLock)
 };
 static_assert(std::is_standard_layout_v<ThreadRecord> && offsetof(ThreadRecord, tcb) == 0);
 
