@@ -74,7 +74,11 @@ T* Out(Rng& rng, T& out) {
   return rng.Percent(8) ? nullptr : &out;
 }
 
-thread_local uint8_t t_message[64];
+// Room for the largest message of any queue the driver makes: 65,535 words
+// of a host queue (framed queues stay under 400 bytes). A smaller buffer was
+// overrun by large messages, into the thread's own descriptor next to its
+// thread-local storage.
+thread_local uint8_t t_message[65535 * 4];
 
 void* Buffer(Rng& rng) { return rng.Percent(8) ? nullptr : t_message; }
 
