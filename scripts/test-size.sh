@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Compares the size of the test code with the size of the library, counted
+# as non-blank lines that are not comments:
+#
+#   library    cm/ kernel/ thread/ sync/ pool/ queue/ timer/ include/
+#   test code  tests/, the soak drivers (bench/soak*), the demo and example
+#              checks (examples/check_*), and every other stress driver
+#
+#   scripts/test-size.sh            prints both counts and the ratio
+#   scripts/test-size.sh --check    also fails when the ratio is above 0.40
+#                                   (QUORVIN_TEST_RATIO_MAX overrides it)
+#
+# C and C++ files lose their // and /* */ comments; shell, CMake, Python,
+# awk and bpftrace files lose the lines that start with #.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+max=${QUORVIN_TEST_RATIO_MAX:-0.40}
+
+count() {  # count <file...>: code lines of the files together
+  awk '
+    FNR == 1 { c_like = FILENAME ~ /\.(c|cc|cpp|h|hpp)$/; in_block = 0 }
+    {
+      line = $0
+      if (c_like) {
+        out = ""
+        while (line != "") {
+          if (in_block) {
+            end = index(line, "*/")
+            if (end == 0) { line = ""; break }
+            line = substr(line, end + 2); in_block = 0
+            continue
+          }
+          # The first comment opener outside a string literal.
+          n = length(line); quote = ""; cut = 0
+          for (i = 1; i <= n; i++) {
+            ch = substr(line, i, 1)
+            if (quote != "") {
+              if (ch == "\\") { i++; continue }
+              if (ch == quote) quote = ""
+              continue
+            }
+            if (ch == "\"" || ch == "\047") { quote = ch; continue }
+            two = substr(line, i, 2)
+            if (two == "//") { cut = i; kind = "line"; break }
+            if (two == "/*") { cut = i; kind = "block"; break }
+          }
+          if (cut == 0) { out = out line; line = ""; break }
+          out = out substr(line, 1, cut - 1)
+          if (kind == "line") { line = ""; break }
+          line = substr(line, cut + 2); in_block = 1
+        }
+        line = out
+      } else if (line ~ /^[ \t]*#/) {
+        line = ""
+      }
+      if (line ~ /[^ \t\r]/) code++
+    }
+    END { print code + 0 }' "$@" /dev/null
+}
+
+files() {  # files <path...>: the source files under the paths
+  find "$@" -type f \( -name '*.c' -o -name '*.cc' -o -name '*.cpp' -o -name '*.h' \
+    -o -name '*.hpp' -o -name '*.sh' -o -name '*.py' -o -name '*.cmake' \
+    -o -name 'CMakeLists.txt' -o -name '*.awk' -o -name '*.bt' \) 2>/dev/null | sort
+}
+
+mapfile -t library < <(files cm kernel thread sync pool queue timer include)
+mapfile -t tests < <(files tests; files bench -name 'soak*'; files examples -name 'check_*')
+lib_lines=$(count "${library[@]}")
+test_lines=$(count "${tests[@]}")
+ratio=$(awk -v t="$test_lines" -v l="$lib_lines" 'BEGIN { printf "%.3f", l ? t / l : 0 }')
+
+echo "library:   $lib_lines lines (${#library[@]} files)"
+echo "test code: $test_lines lines (${#tests[@]} files)"
+echo "ratio:     $ratio (at most $max)"
+if [[ ${1:-} == --check ]] && awk -v r="$ratio" -v m="$max" 'BEGIN { exit !(r > m) }'; then
+  echo "test-size.sh: the test code is more than $max of the library" >&2
+  exit 1
+fi
