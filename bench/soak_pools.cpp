@@ -12,6 +12,7 @@
 //   grants its whole budget at once and not one byte more;
 // - a pool never keeps waiters while it could serve them (lost wake-up).
 #include <cinttypes>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
