@@ -36,7 +36,7 @@ fi
 
 why=${why%%$'\n'*}
 why=${why:-${isolate[*]} failed}
-mountpoint -q / || why="$why: / is not a mount point (in a chroot, bind-mount its root on itself first)"
+mountpoint -q / || why="$why; / is not a mount point (in a chroot, bind-mount its root on itself first)"
 if [ -d /var/run/velmora ] && [ -w /var/run/velmora ]; then
   echo "demo: no private mount namespace ($why); running directly, the pid list goes to /var/run/velmora/velmora_pid.lst"
   exec "$demo" "$seconds"
