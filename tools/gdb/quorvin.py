@@ -176,6 +176,29 @@ class Firmware:
         return self.mem.i32(tcb + self.number("rectid"))
 
 
+def services_in_progress():
+    """For each kernel thread id, the library service its stack is in, if any.
+
+Semaphores, event flags and message queues are served in the calling thread,
+which then sleeps in the C library; its stack says which service it is in."""
+    found, current = {}, gdb.selected_thread()
+    for thread in gdb.selected_inferior().threads():
+        try:
+            thread.switch()
+            frame, depth = gdb.newest_frame(), 0
+            while frame is not None and depth < 16:
+                name = frame.name() or ""
+                if name.startswith(("_lx_", "LP_", "Queue")):
+                    found[thread.ptid[1]] = name
+                    break
+                frame, depth = frame.older(), depth + 1
+        except gdb.error:
+            continue
+    if current is not None:
+        current.switch()
+    return found
+
+
 class QuorvinPrefix(gdb.Command):
     """Show the state of a quorvin firmware (live process or core file).
 
@@ -194,7 +217,9 @@ For each thread of the thread pool: its handle, name, kernel thread id, state,
 priority and preemption threshold, and what it waits on: the object (class and
 name, from the suspend list its request hangs on or from its service code),
 with the ticks left of a finite wait. A ready thread blocked in an event-flag
-group served in the calling thread shows the flags it asks for. Then the
+group served in the calling thread shows the flags it asks for; one blocked
+in another service served in the calling thread (semaphores, message queues,
+sleeps) shows the service its stack is in. Then the
 dispatcher "CMRH", the timer thread "TimerISR" and the tick thread "SoftTimer"."""
 
     def __init__(self):
@@ -208,6 +233,7 @@ dispatcher "CMRH", the timer thread "TimerISR" and the tick thread "SoftTimer"."
             for thread, flags, option in waits:
                 direct[thread] = "event flags %s wants 0x%x %s" % (
                     fw.label(0x30, group).split(" ", 2)[-1], flags, GET_OPTIONS.get(option, option))
+        calls = services_in_progress()
         print("%-18s %-20s %7s %-16s %4s %4s  %s" % (
             "handle", "name", "tid", "state", "prio", "thr", "waits on"))
         for handle, tcb in fw.threads.items():
@@ -223,7 +249,9 @@ dispatcher "CMRH", the timer thread "TimerISR" and the tick thread "SoftTimer"."
             elif handle in direct:
                 waits = direct[handle]
             elif service:
-                waits = "request 0x%x in progress" % service
+                waits = "%s %s, queued" % (fw.object_of(request)[1], OPERATIONS.get(service, "0x%x" % service))
+            elif fw.kernel_tid(tcb) in calls:
+                waits = "in %s" % calls[fw.kernel_tid(tcb)]
             print("0x%-16x %-20s %7d %-16s %4d %4d  %s" % (
                 handle, '"%s"' % mem.name(tcb), fw.kernel_tid(tcb), STATES.get(state, str(state)),
                 mem.u16(tcb + TCB_PRIORITY), mem.u16(tcb + TCB_THRESHOLD), waits))
