@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev
   gcovr                                  # scripts/coverage.sh
   g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user   # the arm64 build and its tests
+  systemtap-sdt-dev gdb gdb-multiarch bpftrace                 # tracepoints and the debugger tests
 )
 
 installed() {
