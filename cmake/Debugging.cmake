@@ -13,11 +13,25 @@
 option(QUORVIN_TRACEPOINTS "Build the static tracepoints (USDT) into the library" ON)
 include(CheckIncludeFileCXX)
 check_include_file_cxx(sys/sdt.h QUORVIN_HAVE_SDT_H)
-if(QUORVIN_TRACEPOINTS AND NOT QUORVIN_HAVE_SDT_H)
+set(quorvin_sdt ${QUORVIN_HAVE_SDT_H})
+if(NOT quorvin_sdt AND CMAKE_CROSSCOMPILING)
+  # The header is written for every architecture (Debian installs it per
+  # architecture only by custom): a cross build borrows the host's copy.
+  file(GLOB quorvin_host_sdt /usr/include/sys/sdt.h /usr/include/*-linux-gnu*/sys/sdt.h)
+  if(quorvin_host_sdt)
+    list(GET quorvin_host_sdt 0 quorvin_host_sdt)
+    get_filename_component(quorvin_host_sdt_dir ${quorvin_host_sdt} DIRECTORY)
+    file(COPY ${quorvin_host_sdt_dir}/sdt.h ${quorvin_host_sdt_dir}/sdt-config.h
+         DESTINATION ${PROJECT_BINARY_DIR}/sdt/sys)
+    target_include_directories(quorvin_objects SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/sdt)
+    set(quorvin_sdt ON)
+  endif()
+endif()
+if(QUORVIN_TRACEPOINTS AND NOT quorvin_sdt)
   message(STATUS "quorvin: <sys/sdt.h> not found (Debian: systemtap-sdt-dev); building without tracepoints")
 endif()
 target_compile_definitions(quorvin_objects PRIVATE
-  QUORVIN_TRACEPOINTS=$<AND:$<BOOL:${QUORVIN_TRACEPOINTS}>,$<BOOL:${QUORVIN_HAVE_SDT_H}>>)
+  QUORVIN_TRACEPOINTS=$<AND:$<BOOL:${QUORVIN_TRACEPOINTS}>,$<BOOL:${quorvin_sdt}>>)
 
 # gdb looks for <its data dir>/auto-load/<real path of the library>-gdb.py. A
 # libdir inside the prefix is taken relative to the prefix used at install

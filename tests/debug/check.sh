@@ -14,7 +14,7 @@ gdb=${GDB:-gdb}
 skip() { echo "SKIPPED: $*"; exit 0; }
 fail() { echo "FAILED: $*"; exit 1; }
 work=$(mktemp -d) && trap 'rm -rf "$work"' EXIT && cd "$work" || exit 1
-cp -L "$libdir/libquorvin.so.9" . && strip libquorvin.so.9  # the symbol table goes, as in the package
+cp -L "$libdir/libquorvin.so.9" . && "${STRIP:-strip}" libquorvin.so.9  # the symbol table goes, as in the package
 export LD_LIBRARY_PATH=$work
 command -v "$gdb" >/dev/null || [[ $mode == probes ]] || skip "$gdb is not installed"
 gdb_run() { timeout 60 "$gdb" -nx -batch -ex 'set debuginfod enabled off' -ex "source $src/tools/gdb/quorvin.py" "$@" 2>&1; }
@@ -58,8 +58,8 @@ case $mode in
       ulimit -c unlimited
       "${emulator[@]}" "$fixture" abort >/dev/null 2>&1
     fi
-    core=$(ls core* qemu_*.core 2>/dev/null | head -1)
-    [[ -n $core ]] || fail "no core file in $work ($(ls))"
+    shopt -s nullglob; cores=(qemu_*.core core*)  # qemu writes the guest's core first, then its own
+    core=${cores[0]:-} && [[ -f $core ]] || fail "no core file in $work ($(ls))"
     sysroot=(); ((${#emulator[@]} < 3)) || sysroot=(-ex "set sysroot ${emulator[2]}" -ex "set solib-search-path $work")
     expect_waiters "$(gdb_run "${sysroot[@]}" -ex "file $fixture" -ex "core-file $core" "${commands[@]}")" ;;
   probes)

@@ -11,6 +11,7 @@
 # the library keeps a table of its tables in the allocated section
 # "quorvin_debug", which strip leaves in place; the records' layouts are those
 # of the public headers (64-bit, little-endian).
+import os
 import re
 import struct
 
@@ -75,8 +76,69 @@ def find_table():
         if match:
             start, end = int(match.group(1), 16), int(match.group(2), 16)
             return start, end - start
+    found = find_table_by_link_map()
+    if found:
+        return found
     raise gdb.GdbError("quorvin: libquorvin is not loaded (no quorvin_debug section); "
-                       "for a core file, check `info sharedlibrary` and `set sysroot`")
+                       "for a core file, check `info sharedlibrary`, `set sysroot` and `set solib-search-path`")
+
+
+class ElfFile:
+    """The headers of an ELF file on disk (64-bit, little-endian)."""
+
+    def __init__(self, path):
+        with open(path, "rb") as f:
+            self.data = f.read()
+        (self.phoff, self.shoff) = struct.unpack_from("<QQ", self.data, 32)
+        (self.phnum, _, self.shnum, self.shstrndx) = struct.unpack_from("<HHHH", self.data, 56)
+
+    def segment(self, kind):
+        for i in range(self.phnum):
+            p_type, _, _, vaddr = struct.unpack_from("<IIQQ", self.data, self.phoff + 56 * i)
+            if p_type == kind:
+                return vaddr
+        return None
+
+    def section(self, wanted):
+        names = struct.unpack_from("<Q", self.data, self.shoff + 64 * self.shstrndx + 24)[0]
+        for i in range(self.shnum):
+            name, _, _, addr, _, size = struct.unpack_from("<IIQQQQ", self.data, self.shoff + 64 * i)
+            if self.data[names + name:].split(b"\0", 1)[0] == wanted:
+                return addr, size
+        return None
+
+
+def find_table_by_link_map():
+    """The table found through the dynamic linker's list of loaded objects.
+
+gdb cannot list the libraries of a core file that lacks the executable's
+read-only pages (qemu-user writes such cores); the list is in the core all
+the same: auxiliary vector, the executable's DT_DEBUG, then the link map."""
+    try:
+        auxv = gdb.execute("info auxv", to_string=True)
+        phdr = int(re.search(r"AT_PHDR\s.*?(0x[0-9a-f]+)", auxv).group(1), 16)
+        exe = ElfFile(gdb.current_progspace().filename)
+        base = phdr - (exe.segment(6) if exe.segment(6) is not None else exe.phoff)
+        mem, dynamic = Memory(), base + exe.segment(2)
+        while True:
+            tag, value = mem.unpack("q", dynamic), mem.ptr(dynamic + 8)
+            if tag in (0, 21):
+                break
+            dynamic += 16
+        link = mem.ptr(value + 8) if tag == 21 else 0
+        while link:
+            name = gdb.selected_inferior().read_memory(mem.ptr(link + 8), 256).tobytes().split(b"\0")[0].decode()
+            if "libquorvin" in name:
+                dirs = [gdb.parameter("sysroot") + os.path.dirname(name)]
+                dirs += (gdb.parameter("solib-search-path") or "").split(":")
+                for path in [name] + [os.path.join(d, os.path.basename(name)) for d in dirs if d]:
+                    if os.path.isfile(path) and ElfFile(path).section(b"quorvin_debug"):
+                        addr, size = ElfFile(path).section(b"quorvin_debug")
+                        return mem.ptr(link) + addr, size
+            link = mem.ptr(link + 24)
+    except (gdb.error, AttributeError, OSError, TypeError, struct.error):
+        return None
+    return None
 
 
 class Firmware:
