@@ -149,27 +149,52 @@ bool RunHereLocked(CmServiceRequest& request) noexcept {
   return false;
 }
 
+// The timer-thread rule: a wait asked for by the timer thread is refused.
+// S_sCmLock held.
+bool RefuseTimerWaitLocked(CmServiceRequest& request) noexcept {
+  if (request.psThread != G_psTimer || LoadWaitOption(request) == LX_NO_WAIT) return false;
+  request.u16Status = LX_WAIT_ERROR;
+  SetThreadState(request.psThread, LX_STATE_READY);
+  return true;
+}
+
+// The first half of a request that may be handled here; returns whether it
+// must wait for its reply. With the list empty the dispatcher is between
+// passes (a pass holds the lock), so running the handler now is what it
+// would do next; a request that finds others queued waits its turn behind
+// them. Nothing in the section is a cancellation point except the pipe writes
+// (a hand-over's reply byte, the wake byte), which hold cancellation off
+// themselves, so the common case costs no change of the cancel state.
+bool StartHere(CmServiceRequest& request) {
+  NoSuspendSection section;
+  Enqueued enqueued = Enqueued::kRefused;
+  {
+    std::lock_guard lock(CmLock());
+    if (RefuseTimerWaitLocked(request)) return false;
+    if (S_psTop == nullptr) return RunHereLocked(request);
+    enqueued = EnqueueLocked(request);
+  }
+  if (enqueued == Enqueued::kWakeDispatcher) {
+    NoCancelScope noCancel;
+    WakeDispatcher();
+  }
+  return enqueued != Enqueued::kRefused;
+}
+
 // Both sides of a request. mayRunHere: the caller's own block, issued by an
 // interface service (CM_Request itself always queues).
 void RequestImpl(CmServiceRequest& request, bool mayRunHere) {
+  if (mayRunHere && MayRunHere(LoadService(request))) {
+    if (StartHere(request)) AwaitCompletion(request);
+    return;
+  }
   {
     SystemSection section;
     Enqueued enqueued = Enqueued::kRefused;
     {
       std::lock_guard lock(CmLock());
-      if (request.psThread == G_psTimer && LoadWaitOption(request) != LX_NO_WAIT) {
-        request.u16Status = LX_WAIT_ERROR;
-        SetThreadState(request.psThread, LX_STATE_READY);
-        return;
-      }
-      // With the list empty the dispatcher is between passes (a pass holds
-      // the lock), so running the handler now is what it would do next; a
-      // request that finds others queued waits its turn behind them.
-      if (mayRunHere && S_psTop == nullptr && MayRunHere(LoadService(request))) {
-        enqueued = RunHereLocked(request) ? Enqueued::kQueued : Enqueued::kRefused;
-      } else {
-        enqueued = EnqueueLocked(request);
-      }
+      if (RefuseTimerWaitLocked(request)) return;
+      enqueued = EnqueueLocked(request);
     }
     if (enqueued == Enqueued::kRefused) return;
     if (enqueued == Enqueued::kWakeDispatcher) WakeDispatcher();
@@ -257,8 +282,13 @@ int32_t CM_WaitingSignalEx(int32_t i32Fd) {
 }
 
 int32_t CM_WakeUpThread(CmServiceRequest* psRequest) {
-  if (psRequest == t_handledHere) {  // handled in its own thread: no pipe
-    t_answeredHere = true;
+  if (t_handledHere != nullptr) {  // a handler run by a requester itself
+    if (psRequest == t_handledHere) {  // its own request: no pipe
+      t_answeredHere = true;
+      return 0;
+    }
+    NoCancelScope noCancel;  // S_sCmLock is held
+    MoveOneByte(psRequest->ai32ReplyPipe[1], true);
     return 0;
   }
   MoveOneByte(psRequest->ai32ReplyPipe[1], true);
