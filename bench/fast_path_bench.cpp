@@ -11,11 +11,14 @@
 //                                same codes through CM_Request (unpinned)
 //   fast_path_bench handover     two threads hand one mutex back and forth,
 //                                each waiting for ever: time per hand-over,
-//                                the services against CM_Request
+//                                the services against CM_Request; a holder
+//                                puts only once its partner waits, so every
+//                                get is a hand-over (pinned)
 //
 // Each figure is the median of several interleaved runs; pairs are timed in
 // batches, so the clock's own cost does not count.
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -132,7 +135,7 @@ void Latency(int rounds) {
 std::atomic<int> g_round{0};
 std::atomic<bool> g_stop{false}, g_viaRequest{false};
 std::atomic<int> g_finished{0};
-std::atomic<uint64_t> g_done{0};
+std::atomic<uint64_t> g_done{0}, g_gets{0};
 
 // Waits until the next run starts.
 void AwaitRun(int& seen) {
@@ -146,6 +149,7 @@ double TimedRun(bool viaRequest, double seconds, int threads) {
   g_stop = false;
   g_finished = 0;
   g_done = 0;
+  g_gets = 0;
   const uint64_t t0 = NowNs();
   g_round.fetch_add(1, std::memory_order_release);
   usleep(static_cast<useconds_t>(seconds * 1e6));
@@ -205,6 +209,10 @@ LX_MUTEX g_shared;
 LX_THREAD g_players[2];
 std::atomic<int> g_last{-1};
 
+int32_t PartnersWaiting() {
+  return std::atomic_ref<int32_t>(g_shared->sSuspendCtrl.i32SuspendCount).load(std::memory_order_relaxed);
+}
+
 // Gets (waiting for ever), counts a hand-over when the other player had it
 // last, puts. On stop the holder puts and leaves, so its partner gets the
 // mutex, puts and leaves too.
@@ -212,12 +220,17 @@ void* Player(uint64_t id) {
   for (int seen = 0;;) {
     AwaitRun(seen);
     const bool viaRequest = g_viaRequest.load();
-    uint64_t handOvers = 0;
+    uint64_t handOvers = 0, gets = 0;
     while (!g_stop.load(std::memory_order_relaxed)) {
       const uint16_t status = viaRequest ? ViaCmRequest(CM_MUTEX_GET, &g_shared, LX_WAIT_FOREVER)
                                          : _lx_MutexGet(&g_shared, LX_WAIT_FOREVER);
       if (status != LX_SUCCESS) break;
+      ++gets;
       if (g_last.exchange(static_cast<int>(id)) != static_cast<int>(id)) ++handOvers;
+      // Hold the mutex until the partner waits for it, so that every put is
+      // a hand-over: otherwise a thread that puts and gets again before its
+      // partner runs keeps the mutex, and hand-overs follow time slices.
+      while (!g_stop.load(std::memory_order_relaxed) && PartnersWaiting() == 0) sched_yield();
       if (viaRequest) {
         ViaCmRequest(CM_MUTEX_PUT, &g_shared, LX_NO_WAIT);
       } else {
@@ -225,6 +238,7 @@ void* Player(uint64_t id) {
       }
     }
     g_done.fetch_add(handOvers);
+    g_gets.fetch_add(gets);
     g_finished.fetch_add(1);
   }
   return nullptr;
@@ -242,6 +256,10 @@ void HandOver(int rounds, double seconds) {
       const double elapsed = TimedRun(viaRequest, seconds, 2);
       const double handOvers = static_cast<double>(g_done.load());
       (viaRequest ? queued : here).push_back(handOvers > 0 ? elapsed * 1e9 / handOvers : 0);
+      std::printf("  %-12s %8.0f ns per hand-over, %5.1f%% of %llu gets were hand-overs\n",
+                  viaRequest ? "CM_Request" : "services", handOvers > 0 ? elapsed * 1e9 / handOvers : 0,
+                  100.0 * handOvers / static_cast<double>(std::max<uint64_t>(1, g_gets.load())),
+                  static_cast<unsigned long long>(g_gets.load()));
     }
   }
   std::printf("hand-over, 2 threads, one mutex, waits for ever, %d runs of %.1f s each way, medians\n", rounds,
