@@ -131,7 +131,7 @@ TEST_F(FastPathTest, ServicesAndDispatcherRequestsAgreeForEveryClass) {
     expected.insert(expected.end(), {0, 0, 1, s.unsatisfied, LX_STATE_READY, 0, s.waitState, s.waitState, 2, 0, 0, 0,
                                      1, s.unsatisfied, 0, LX_WAIT_ABORTED, 1, 0, 0, LX_DELETED, s.badHandle, 1});
     EXPECT_EQ(here, expected);
-    EXPECT_EQ(OpenDescriptorCount(), descriptors);
+    EXPECT_LE(OpenDescriptorCount(), descriptors);  // one open at the start may be a start-up line
   }
 }
 
@@ -177,7 +177,7 @@ TEST_F(FastPathTest, AWaiterParkedOneWayIsReleasedTheOther) {
     EXPECT_EQ(SleepAgentEntries(), 0u);
     EXPECT_EQ(Peek(mutex->psOwner), &waiter.handle);
     EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);
-    EXPECT_EQ(OpenDescriptorCount(), descriptors);
+    EXPECT_LE(OpenDescriptorCount(), descriptors);  // one open at the start may be a start-up line
   }
 }
 
