@@ -228,6 +228,11 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndAWaiterThatDoesNotFi
   ASSERT_EQ(_lx_ByteRelease(taken[2]), LX_SUCCESS);
   EXPECT_EQ(Waiters::StatusOf(big), LX_SUCCESS);
   EXPECT_EQ(std::tuple(Available(pool), FirstWaiter(pool->sSuspendCtrl)), std::tuple(0u, &small.handle));
+  Waiter& tiny = WaitBytes(pool, 5);
+  ASSERT_EQ(_lx_ByteRelease(memory_[1]), LX_SUCCESS);  // one release serves every waiter it can
+  EXPECT_EQ(std::tuple(Waiters::StatusOf(small), Waiters::StatusOf(tiny), Available(pool)),
+            std::tuple(LX_SUCCESS, LX_SUCCESS, 40u));
+  Waiter& last = WaitBytes(pool, 90);
   char* name = nullptr;
   uint32_t third = 9, fourth = 9, count = 9;
   SuspendNode* first = nullptr;
@@ -235,11 +240,11 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndAWaiterThatDoesNotFi
   EXPECT_EQ(_lx_BytePoolInfoGet(&pool, &name, &third, &fourth, &first, &count, nullptr), LX_PTR_ERROR);
   ASSERT_EQ(_lx_BytePoolInfoGet(&pool, &name, &third, &fourth, &first, &count, &next), LX_SUCCESS);
   EXPECT_EQ(std::tuple(std::string(name), third, fourth, first->psOwner, count, next),
-            std::tuple(std::string("bytes"), 0u, 1u, &small.handle, 1u, nullptr));
+            std::tuple(std::string("bytes"), 0u, 1u, &last.handle, 1u, nullptr));
   ASSERT_EQ(_lx_BytePoolDelete(&pool), LX_SUCCESS);
-  EXPECT_EQ(std::tuple(Waiters::StatusOf(small), pool, S_i32BytePoolIndex), std::tuple(LX_DELETED, nullptr, 0));
+  EXPECT_EQ(std::tuple(Waiters::StatusOf(last), pool, S_i32BytePoolIndex), std::tuple(LX_DELETED, nullptr, 0));
   EXPECT_EQ(_lx_ByteRelease(taken[1]), LX_POOL_ERROR);
-  for (void* m : {taken[1], memory_[1]}) Discard(m, kByteHeader);
+  for (void* m : {taken[1], memory_[2], memory_[4]}) Discard(m, kByteHeader);
 }
 
 TEST_F(PoolTest, TimerThreadIsRefusedWhatCouldMakeItWaitAndOutsideThreadsAreRefused) {

@@ -178,7 +178,8 @@ class EventFlagsTest : public KernelTest {
 TEST_F(EventFlagsTest, MatchingRuleNeverMatchesZeroAndClearsOnlyTheRequestedFlags) {
   for (auto [current, requested, option, expected] :
        {std::tuple{0u, 0u, LX_AND, 0u}, {0x5u, 0u, LX_AND, 0u}, {0u, 0x1u, LX_OR, 0u}, {0x5u, 0x4u, LX_OR, 1u},
-        {0x5u, 0x6u, LX_OR_CLEAR, 1u}, {0x5u, 0x6u, LX_AND, 0u}, {0x7u, 0x6u, LX_AND_CLEAR, 1u}}) {
+        {0x5u, 0x6u, LX_OR_CLEAR, 1u}, {0x5u, 0x6u, LX_AND, 0u}, {0x7u, 0x6u, LX_AND_CLEAR, 1u},
+        {0x4u, 0x5u, LX_AND_CLEAR, 0u}}) {
     EXPECT_EQ(EventFlagCmp(current, requested, static_cast<uint16_t>(option)), expected)
         << current << " " << requested << " " << option;
   }
