@@ -56,8 +56,15 @@ run_side() {  # run_side <label> <library dir>: every program once, pinned as al
 i=1
 while [ "$i" -le "$rounds" ]; do
   echo "round $i of $rounds" >&2
-  run_side with "$with"
-  run_side without "$without"
+  # Each side goes first in every other round, so that what running first or
+  # second does to a figure (a warm cache, a cooler CPU) falls on both.
+  if [ $((i % 2)) -eq 1 ]; then
+    run_side with "$with"
+    run_side without "$without"
+  else
+    run_side without "$without"
+    run_side with "$with"
+  fi
   i=$((i + 1))
 done
 
