@@ -315,8 +315,8 @@ const Row kRows[] = {
   SOLO("_lx_Thread{Priority,Preemption}Change", ({0, 3, 14, 15, 19, 24}), uint16_t old; LX_THREAD* t = Slot(r, g_s.thread);
       return Percent(r, 50) ? _lx_ThreadPriorityChange(t, static_cast<uint16_t>(Percent(r, 70) ? 32 : Size(r)), Out(r, old))
                             : _lx_ThreadPreemptionChange(t, static_cast<uint16_t>(Below(r, 40)), Out(r, old))),
-  SOLO("CM_Request", ({0, 1, 2, 3, 4, 6, 7, 8, 9, 10, 11, 12, 13, 14, 26, 27, 28, 29}), return Raw(r)),
-  ROW("CM_WakeUpThread*/CM_WaitingSignal*", ({0}), CmServiceRequest q{}; q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
+  SOLO("CM_Request", ({0, 1, 2, 3, 4, 6, 7, 8, 9, 10, 11, 12, 13, 14, 16, 26, 27, 28, 29}), return Raw(r)),
+  SOLO("CM_WakeUpThread*/CM_WaitingSignal*", ({0}), CmServiceRequest q{}; q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
       if (Percent(r, 50) && ::pipe(q.ai32ReplyPipe) == 0) { CM_WakeUpThreadEx(q.ai32ReplyPipe[1]); CM_WaitingSignalEx(q.ai32ReplyPipe[0]); }
       const int woken = CM_WakeUpThreadEx(1 << 20) | CM_WaitingSignalEx(-1) | CM_WakeUpThread(&q);  // a round trip:
       return woken | CM_WaitingSignal(&q)),  // the signal closes both ends
@@ -546,7 +546,7 @@ constexpr uint32_t kChaosKinds = 3;
 #endif
 void* ChaosEntry(uint64_t) {
   Rng r(g_opt.seed);
-  Check("_lx_MutexCreate", _lx_MutexCreate(&g_st.mutex, "stable", 1), S({0}));
+  Check("_lx_MutexCreate", _lx_MutexCreate(&g_st.mutex, "stable", 0), S({0}));
   Check("_lx_SemaphoreCreate", _lx_SemaphoreCreate(&g_st.semaphore, "stable", 2), S({0}));
   Check("_lx_QueueCreate", _lx_QueueCreate(&g_st.queue, "stable", 4, g_st.framedBuffer, 64), S({0}));
   Check("QueueCreate", QueueCreate(&g_st.framed, "fstable", sizeof(Message), 8, g_st.framedBuffer, 0, 1), S({0}));
