@@ -87,6 +87,7 @@ using Rng = std::mt19937_64;
 thread_local bool t_timer = false;  // the calling thread is the timer thread
 // A worker the chaos thread may terminate: a terminate may take over its request, answered LX_NOT_AVAILABLE.
 thread_local bool t_expendable = false;
+thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
 thread_local uintptr_t t_garbage;
 // Room for the largest message of any queue the driver makes (framed messages stay under 400 bytes); a
 // smaller buffer was once overrun into the thread's own descriptor.
@@ -216,8 +217,8 @@ struct Row {
   bool solo = false;  // state the application must not share between threads: one worker only
 };
 const uint32_t kWaits = S({LX_WAIT_ABORTED, LX_DELETED, LX_NOT_AVAILABLE, LX_WAIT_ERROR, LX_CALLER_ERROR});
-#define ROW(name, statuses, ...) {name, S statuses, [](Rng& r) -> LX_STATUS { __VA_ARGS__; }, false}
-#define SOLO(name, statuses, ...) {name, S statuses, [](Rng& r) -> LX_STATUS { __VA_ARGS__; }, true}
+#define ROW(name, statuses, ...) {name, S statuses, []([[maybe_unused]] Rng& r) -> LX_STATUS { __VA_ARGS__; }, false}
+#define SOLO(name, statuses, ...) {name, S statuses, []([[maybe_unused]] Rng& r) -> LX_STATUS { __VA_ARGS__; }, true}
 const Row kRows[] = {
   ROW("_lx_MutexCreate", ({0, 28, 31}), return _lx_MutexCreate(Empty(r, g_s.mutex), Name(r), static_cast<uint16_t>(Percent(r, 70) ? Below(r, 2) : Size(r)))),
   ROW("_lx_MutexGet", ({0, 1, 19, 26, 28, 29}), return _lx_MutexGet(Hostile(r, g_s.mutex), Refused(r))),
@@ -286,10 +287,10 @@ const Row kRows[] = {
                   return node == nullptr || QueueMemFree(list, node) == (node == &stranger || list == nullptr) ? 0 : 30; }
         default: return Percent(r, 40) ? QueueListDelete(std::exchange(list, nullptr)) : 0;
       }),
-  ROW("CmQueueCreate", ({0, 5, 9}), return CmQueueCreate(Empty(r, g_s.cmQueue), Percent(r, 90) ? Below(r, 9) : 4096u, Percent(r, 70) ? 1u << Below(r, 5) : Below(r, 20), nullptr)),
-  ROW("CmQueue{Send,FrontSend,Receive}", ({0, 3, 4, 9, 10, 11, 1, 26}),
+  SOLO("CmQueueCreate", ({0, 5, 9}), return CmQueueCreate(Empty(r, g_s.cmQueue), Percent(r, 90) ? Below(r, 9) : 4096u, Percent(r, 70) ? 1u << Below(r, 5) : Below(r, 20), nullptr)),
+  SOLO("CmQueue{Send,FrontSend,Receive}", ({0, 3, 4, 9, 10, 11, 1, 26}),
       return CmQueueIssue(Plain(r, g_s.cmQueue), std::array{CM_QUEUE_SEND, CM_QUEUE_FRONT_SEND, CM_QUEUE_RECEIVE}[Below(r, 3)], Buf(r), Refused(r))),
-  ROW("CmQueue{Flush,Prioritize,Delete}", ({0, 9, 29}), CM_QUEUE* q = Plain(r, g_s.cmQueue);
+  SOLO("CmQueue{Flush,Prioritize,Delete}", ({0, 9, 29}), CM_QUEUE* q = Plain(r, g_s.cmQueue);
       return Percent(r, 20) ? CmQueueDelete(q) : Percent(r, 50) ? CmQueueFlush(q) : CmQueuePrioritize(q)),
   ROW("_lx_TimerCreate", ({0, 2, 19, 21, 22, 23}), return _lx_TimerCreate(Percent(r, 50) ? Empty(r, g_s.timer) : Plain(r, g_s.timer), Name(r),
       Percent(r, 8) ? nullptr : Expire, Below(r, 9), Percent(r, 80) ? Below(r, 5) : Size(r), Below(r, 4), static_cast<uint16_t>(Below(r, 3)))),
@@ -305,7 +306,9 @@ const Row kRows[] = {
   SOLO("_lx_Thread{Sleep,Resume,WaitAbort}", ({0, 14, 27}), LX_THREAD* t = Thread(r);
       return Percent(r, 30) ? _lx_ThreadSleep(t_timer ? 0 : Below(r, 2)) : Percent(r, 50) ? _lx_ThreadResume(t) : _lx_ThreadWaitAbort(t)),
   SOLO("_lx_Thread{Suspend,Terminate,Delete}", ({0, 14, 17}), LX_THREAD* t = Slot(r, g_s.thread);
-      if (Percent(r, 10)) t = nullptr; switch (Below(r, 3)) {
+      if (Percent(r, 10)) t = nullptr;
+      if (t_timer) return 0;  // see docs/testing.md: a suspend or delete on the timer thread can stall every time-out
+      switch (Below(r, 3)) {
         case 0: return _lx_ThreadSuspend(t);
         case 1: return _lx_ThreadTerminate(t);
         default: { const LX_STATUS st = _lx_ThreadDelete(t); if (st == 0) *t = nullptr; return st; }
@@ -369,6 +372,7 @@ void LedgerOp(Rng& r, int self) {
   const uint32_t wait = Percent(r, 20) ? LX_WAIT_FOREVER : Wait(r);
   switch (Below(r, 5)) {
     case 0: {
+      if (t_doing != nullptr) t_doing->store("_lx_MutexGet (stable)");
       const bool fake = self == 0 && Injecting("mutual-exclusion");  // "holds" without getting
       const LX_STATUS got = fake ? LX_SUCCESS : _lx_MutexGet(&g_st.mutex, wait);
       Check("_lx_MutexGet (stable)", got, S({0, 26, 29}));
@@ -434,6 +438,7 @@ bool Expendable(int i) { return i % 5 == 4; }  // the chaos thread may end it: i
 void RandomRow(Rng& r, bool solo) {
   const Row* row;
   do row = &kRows[Below(r, std::size(kRows))]; while (row->solo && !solo);
+  if (t_doing != nullptr) t_doing->store(row->name);
   Check(row->name, row->call(r), row->allowed);
 }
 std::atomic<uint64_t> g_batchSeed{0};
@@ -469,6 +474,7 @@ void* WorkerEntry(uint64_t input) {
   Worker& w = g_w[self];
   Rng r(g_opt.seed * 1000003 + input);
   t_expendable = Expendable(self);
+  t_doing = &w.doing;
   const auto call = [&](const char* what, auto&& body) {
     w.since = NowMs();
     w.doing = what;
@@ -509,7 +515,14 @@ void* Watchdog(void*) {
       const char* doing = g_w[i].doing.load();
       const int64_t took = NowMs() - g_w[i].since.load();
       if (doing != nullptr && took > g_opt.stall * 1000 && doing == g_w[i].doing.load()) {
-        Report(true, "hang: w%02d has been in %s for %lld s", i, doing, static_cast<long long>(took / 1000));
+        char* name = nullptr;
+        uint32_t count = 0, waiting = 0;
+        LX_THREAD* owner = nullptr;
+        SuspendNode* first = nullptr;
+        LX_MUTEX* next = nullptr;
+        _lx_MutexInfoGet(&g_st.mutex, &name, &count, &owner, &first, &waiting, &next);
+        Report(true, "hang: w%02d has been in %s for %lld s (the stable mutex: owner %s, %u waiting)", i, doing,
+               static_cast<long long>(took / 1000), owner != nullptr && *owner != nullptr ? (*owner)->acName : "none", waiting);
         Exit(2);
       }
     }
@@ -615,9 +628,9 @@ void* ChaosEntry(uint64_t) {
   Exit(g_failures == 0 ? 0 : 1);
 }
 
+LX_THREAD g_chaos = nullptr;  // a handle word lives as long as its thread
 void Define() {
-  LX_THREAD chaos = nullptr;
-  if (_lx_ThreadCreate(&chaos, "chaos", ChaosEntry, 0, nullptr, 0, 10, 0, 0, 1) != LX_SUCCESS) Report(true, "no chaos thread"), Exit(1);
+  if (_lx_ThreadCreate(&g_chaos, "chaos", ChaosEntry, 0, nullptr, 0, 10, 0, 0, 1) != LX_SUCCESS) Report(true, "no chaos thread"), Exit(1);
   pthread_t watchdog;
   pthread_create(&watchdog, nullptr, Watchdog, nullptr);
 }
@@ -627,12 +640,12 @@ void Define() {
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const auto value = [&](const char* key) { return std::strncmp(argv[i], key, std::strlen(key)) == 0 ? argv[i] + std::strlen(key) : nullptr; };
-    if (const char* v = value("--calls=")) g_opt.calls = std::strtoull(v, nullptr, 10);
-    else if (const char* v = value("--seconds=")) g_opt.seconds = std::atoi(v);
-    else if (const char* v = value("--workers=")) g_opt.workers = std::clamp(std::atoi(v), 1, kMaxWorkers);
-    else if (const char* v = value("--seed=")) g_opt.seed = std::strtoull(v, nullptr, 10);
-    else if (const char* v = value("--stall=")) g_opt.stall = std::atoi(v);
-    else if (const char* v = value("--inject=")) g_opt.inject = v;
+    if (const char* calls = value("--calls=")) g_opt.calls = std::strtoull(calls, nullptr, 10);
+    else if (const char* seconds = value("--seconds=")) g_opt.seconds = std::atoi(seconds);
+    else if (const char* workers = value("--workers=")) g_opt.workers = std::clamp(std::atoi(workers), 1, kMaxWorkers);
+    else if (const char* seed = value("--seed=")) g_opt.seed = std::strtoull(seed, nullptr, 10);
+    else if (const char* stall = value("--stall=")) g_opt.stall = std::atoi(stall);
+    else if (const char* fault = value("--inject=")) g_opt.inject = fault;
     else return std::fprintf(stderr, "usage: stress [--calls=N | --seconds=S] [--workers=W] [--seed=S] [--stall=S] [--inject=FAULT]\n"), 2;
   }
   if (g_opt.calls == 0 && g_opt.seconds == 0) g_opt.calls = 20000;

@@ -125,7 +125,9 @@ TEST_F(SyncTest, MutexDeleteReleasesWaitersRetiresTheHandleAndRequestsQueuedBehi
   {
     std::lock_guard lock(CmLock());
     for (int i = 0; i < 4; ++i) {
-      requests[i] = CmServiceRequest{.psThread = _lx_ThreadIdentify(), .pvObject = &gone, .u16Service = codes[i]};
+      requests[i].psThread = _lx_ThreadIdentify();
+      requests[i].pvObject = &gone;
+      requests[i].u16Service = codes[i];
       wake |= EnqueueLocked(requests[i]) == Enqueued::kWakeDispatcher;
     }
   }
@@ -239,7 +241,9 @@ TEST_F(SyncTest, EventFlagsClassTakesZeroAndHighBitsLiterallyClearsAllAndServesW
   EXPECT_EQ(std::tuple(get(0x100000001ull, 2, &a), get(0x100000001ull, 0, &a)), std::tuple(LX_NO_EVENTS, LX_SUCCESS));
   EXPECT_EQ(set(0x0F, 0x10002), LX_SUCCESS);  // the option's low 16 bits: AND
   EXPECT_EQ(flags(), 0x0Fu);
-  CmServiceRequest check{.pvObject = &group, .u64Value = 0x30};
+  CmServiceRequest check{};
+  check.pvObject = &group;
+  check.u64Value = 0x30;
   CM_EventFlagsStatusChecking(&check);
   EXPECT_EQ(check.u16Status, LX_NO_EVENTS);
   check.u64Value = 0x3;
