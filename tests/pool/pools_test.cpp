@@ -182,7 +182,7 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndAWaiterThatDoesNotFi
   ASSERT_EQ(_lx_BytePoolDelete(&pool), LX_SUCCESS);
   EXPECT_EQ(std::tuple(Waiters::StatusOf(small), pool, S_i32BytePoolIndex), std::tuple(LX_DELETED, nullptr, 0));
   EXPECT_EQ(_lx_ByteRelease(taken[1]), LX_POOL_ERROR);
-  for (void* m : {taken[1], memory_[1]}) std::free(static_cast<char*>(m) - kByteHeader);
+  for (void* m : {taken[1], memory_[1]}) FreeArea(m);
 }
 
 TEST_F(PoolTest, TheTimerThreadIsRefusedWhatCouldMakeItWaitAndOutsideThreadsAreRefused) {
