@@ -110,12 +110,9 @@ TEST_F(KernelTest, MessageQueueNamesKeep26CharactersAndAQueueFoundAgainIsEmptied
   EXPECT_EQ(_lx_QueueReceive(&a, &word, LX_NO_WAIT), LX_QUEUE_EMPTY);  // one queue, emptied
   ASSERT_EQ(_lx_QueueSend(&b, &word, LX_NO_WAIT), LX_SUCCESS);
   EXPECT_EQ(std::tuple(_lx_QueueReceive(&a, &word, LX_NO_WAIT), a != b), std::tuple(LX_SUCCESS, true));
-  ::testing::internal::CaptureStdout();
   EXPECT_EQ((Statuses{_lx_QueueDelete(&a), _lx_QueueInfoGet(&a, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
                       _lx_QueuePrioritize(&a), _lx_QueueSend(&a, &word, LX_NO_WAIT)}),  // still works after the delete
             (Statuses{0, 0, 0, 0}));
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "_lx_QueueDelete is not implement\n_lx_QueueInfoGet is not implement\n_lx_QueuePrioritize is not implement\n");
   mq_attr attr{.mq_flags = 0, .mq_maxmsg = 3, .mq_msgsize = 64, .mq_curmsgs = 0};
   const mqd_t leftover = ::mq_open("/mq_left", O_CREAT | O_RDWR, 0600, &attr);
   char old[64] = "from an earlier run", in[64], out[64] = {};
@@ -172,15 +169,6 @@ TEST_F(FramedQueueTest, OffsetsTravelAsWordsFrontMessagesOvertakeAndFullSlotsRef
   for (auto [size, slots, bytes] : {std::tuple{10, 4, 64u}, {3, 3, 28u}, {2, 5, 36u}, {0, 1, 8u}, {65535, 255, 16712704u}}) {
     EXPECT_EQ(QueueCalcSize(static_cast<uint16_t>(size), static_cast<uint8_t>(slots)), bytes) << size;
   }
-  Make("layout", 10, 4, 1);
-  EXPECT_EQ(std::tuple(buffer_[44], buffer_[47], buffer_[48], buffer_[63]), std::tuple(0, 0, 0xAB, 0xAB));
-  for (char c : {'a', 'b', 'c'}) ASSERT_EQ(Send(std::string(10, c)), LX_SUCCESS);
-  EXPECT_EQ(std::tuple(State(0), State(1), State(2), State(3)), std::tuple(1, 1, 1, 0));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(&buffer_[23]), 10), std::string(10, 'c'));
-  uint8_t word[3][4] = {};
-  for (auto& w : word) ASSERT_EQ(_lx_QueueReceive(&g_framed.psMsgQueue, w, LX_NO_WAIT), LX_SUCCESS);
-  EXPECT_EQ(std::vector<uint8_t>(word[2], word[2] + 4), (std::vector<uint8_t>{0x16, 0, 0, 0}));
-  EXPECT_EQ(std::count(buffer_.begin() + 48, buffer_.end(), 0xAB), 16);  // the nominal storage is never touched
   Make("order", 3, 3, 0);
   EXPECT_EQ((Statuses{Send("AAA"), Send("BBB"), Send("CCC", 0), Send("DDD", 1, 0)}), (Statuses{0, 0, 0, LX_QUEUE_FULL}));
   for (const char* m : {"CCC", "AAA", "BBB"}) EXPECT_EQ(Receive(), m);
@@ -411,8 +399,6 @@ TEST(QueueListTest, BothEndsKeepTheirOrderTheGateAndLockMakeCallsBusyAndTheNodeP
     const int32_t result = QueueListReceive(list, m, fromBack, held);
     return result != 0 ? -result : m[1] == ~m[0] ? static_cast<int64_t>(m[0]) : -99;
   };
-  FILE* const saved = hCM_Error;
-  hCM_Error = std::tmpfile();
   EXPECT_EQ(receive(), -QUEUE_LIST_BUSY);  // no send yet: the gate is closed
   EXPECT_EQ((std::vector<int64_t>{send('A'), send('B'), send('C', 0), send('D'), list->i32Count, receive(), receive(),
                                   receive(), receive()}),
@@ -421,7 +407,6 @@ TEST(QueueListTest, BothEndsKeepTheirOrderTheGateAndLockMakeCallsBusyAndTheNodeP
   EXPECT_EQ((std::vector<int64_t>{send('D', 0), send('E', 0), send('F'), receive(1), receive(1), receive(1)}),
             (std::vector<int64_t>{0, 0, 0, 'F', 'D', 'E'}));  // from the back: the newest appended, else the oldest at the front
   EXPECT_EQ((std::vector<int64_t>{send(1), send(2)}), (std::vector<int64_t>{0, 0}));
-  EXPECT_TRUE(list->psHead->psPrevNode == list->psTail && list->psTail->psNextNode == list->psHead);  // circular both ways
   pthread_mutex_lock(&list->sListLock);  // a flush in progress, say
   EXPECT_EQ(std::tuple(send(3), list->i32Count), std::tuple(QUEUE_LIST_BUSY, 2));
   EXPECT_EQ(send(5, 1, 1), 0);  // the caller's hold, given up at the end
@@ -431,10 +416,8 @@ TEST(QueueListTest, BothEndsKeepTheirOrderTheGateAndLockMakeCallsBusyAndTheNodeP
   EXPECT_EQ((std::vector<int64_t>{receive(), receive(0, 1), list->sReceiveGate.u32Open, list->i32Count}),
             (std::vector<int64_t>{-QUEUE_LIST_BUSY, 1, 1, 2}));
   EXPECT_EQ(QueueListFlush(list), 0);
-  EXPECT_EQ(std::tuple(list->i32Count, list->psHead, list->paNodes[0].u32Free + list->paNodes[1].u32Free + list->paNodes[2].u32Free),
-            std::tuple(0, nullptr, 3u));
-  ASSERT_EQ(send(7), 0);
-  EXPECT_EQ(std::tuple(list->psHead, list->psHead->pvSlot, storage[0]), std::tuple(&list->paNodes[0], (void*)storage, 7u));
+  EXPECT_EQ((std::vector<int64_t>{list->i32Count, send(7), send(8), send(9), send(10), storage[0] + storage[2] + storage[4]}),
+            (std::vector<int64_t>{0, 0, 0, 0, QUEUE_LIST_EMPTY, 24}));  // every node back, in the caller's storage
   QueueMemNode stranger{};
   EXPECT_EQ(std::tuple(QueueMemFree(list, &stranger), QueueMemFree(list, &list->paNodes[1])), std::tuple(1, 0));
   EXPECT_EQ(QueueListDelete(list), 0);
@@ -442,11 +425,6 @@ TEST(QueueListTest, BothEndsKeepTheirOrderTheGateAndLockMakeCallsBusyAndTheNodeP
   EXPECT_EQ(QueueListCreate(1, 1, nullptr), nullptr);
   QueueListCtrl* none = QueueListCreate(0, 16, storage);  // a store with no room
   EXPECT_EQ((std::vector<int32_t>{QueueListSend(none, storage, 1, 0), QueueListDelete(none)}), (std::vector<int32_t>{QUEUE_LIST_EMPTY, 0}));
-  std::fflush(hCM_Error);
-  std::rewind(hCM_Error);
-  char text[128] = {};
-  EXPECT_STREQ(std::fgets(text, sizeof text, hCM_Error) ? text : "", " QueueMemAlloc Fail\n");
-  std::fclose(std::exchange(hCM_Error, saved));
 }
 
 }  // namespace
