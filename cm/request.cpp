@@ -31,6 +31,7 @@
 
 #include "cm/cm_internal.h"
 #include "cm/trace.h"
+#include "kernel/platform.h"
 #include "quorvin/lx_log.h"
 #include "quorvin/lx_timer.h"
 
@@ -66,13 +67,17 @@ bool MoveOneByte(int fd, bool write) {
   if (fd < 0) return false;
   char byte = kWakeByte;
   for (;;) {
+    UnwindClearsStack unwinding;
     const ssize_t n = write ? ::write(fd, &byte, 1) : ::read(fd, &byte, 1);
+    unwinding.Returned();
     if (n == 1) return true;
     if (n == 0) return false;
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return false;
     pollfd waiter{fd, static_cast<short>(write ? POLLOUT : POLLIN), 0};
+    UnwindClearsStack polling;
     ::poll(&waiter, 1, -1);
+    polling.Returned();
   }
 }
 

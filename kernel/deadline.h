@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "kernel/platform.h"
+
 namespace quorvin::detail {
 
 // now + ticks x 10 ms: whole seconds from ticks / 100 (only when ticks > 99),
@@ -46,7 +48,10 @@ inline bool DeadlineInTicks(uint32_t ticks, timespec& deadline) noexcept {
 template <typename Wait>
 int RetryInterrupted(Wait wait) {
   for (;;) {
-    if (wait() == 0) return 0;
+    UnwindClearsStack unwinding;
+    const int result = wait();
+    unwinding.Returned();
+    if (result == 0) return 0;
     if (errno != EINTR) return errno;
   }
 }

@@ -9,7 +9,22 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace quorvin::detail {
+
+#if defined(__SANITIZE_ADDRESS__)
+void ClearStackMarks() noexcept {
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+  void* low = nullptr;
+  std::size_t size = 0;
+  if (pthread_attr_getstack(&attributes, &low, &size) == 0) ASAN_UNPOISON_MEMORY_REGION(low, size);
+  pthread_attr_destroy(&attributes);
+}
+#endif
 
 std::size_t BoundedCopy(char* destination, const char* source, std::size_t size) noexcept {
   if (source == nullptr) source = "";

@@ -33,10 +33,6 @@
 #include "quorvin/lx_log.h"
 #include "thread/thread_internal.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#endif
-
 namespace quorvin::detail {
 namespace {
 
@@ -61,9 +57,12 @@ void HoldBack() noexcept {
 // Takes one of the thread signals (10 or 14) with sigwait.
 int TakeThreadSignal() {
   int signal = 0;
-  while (sigwait(&G_sSignalMasktTble, &signal) != 0) {
+  for (;;) {
+    UnwindClearsStack unwinding;
+    const int error = sigwait(&G_sSignalMasktTble, &signal);
+    unwinding.Returned();
+    if (error == 0) return signal;
   }
-  return signal;
 }
 
 // Set while the thread waits for a resume. A suspension that arrives then
@@ -238,27 +237,11 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
   _lx_ThreadPriorityChange(tcb.psSelf, LoadRelaxed(tcb.u16Priority), &scratch);
   StoreRelaxed(RecordOf(tcb).kernelTid, KernelTid());
   QV_TRACE2(thread__started, tcb.psSelf, RecordOf(tcb).kernelTid);
-#if defined(__SANITIZE_ADDRESS__)
-  // A terminated thread unwinds without AddressSanitizer seeing it, which
-  // leaves the scopes of the frames it left marked on the stack; the
-  // runtime's own clean-up at thread exit then trips over them. Clearing the
-  // marks below this frame as the thread leaves it keeps such builds of
-  // firmware that terminates its threads free of false reports.
-  // (The runtime's own __asan_handle_no_return cannot be used: it passes
-  // a local of its own, in the marked region, to an intercepted call.)
+  // Whatever way the thread leaves its entry, it leaves no stack marks behind
+  // for the sanitizer's clean-up at thread exit (empty in other builds).
   struct ClearStackOnExit {
-    ~ClearStackOnExit() {
-      pthread_attr_t attributes;
-      if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
-      void* low = nullptr;
-      size_t size = 0;
-      pthread_attr_getstack(&attributes, &low, &size);
-      pthread_attr_destroy(&attributes);
-      char* const here = static_cast<char*>(__builtin_frame_address(0));
-      if (here > low) ASAN_UNPOISON_MEMORY_REGION(low, static_cast<size_t>(here - static_cast<char*>(low)));
-    }
+    ~ClearStackOnExit() { ClearStackMarks(); }
   } clearStack;
-#endif
   return tcb.pfnEntry(tcb.u64EntryInput);
 }
 
