@@ -17,7 +17,10 @@ using namespace quorvin::detail;
 
 class SyncTest : public KernelTest {
  protected:
-  void TearDown() override { waiters_.JoinAll(); }
+  void TearDown() override {
+    waiters_.JoinAll();
+    for (LX_MUTEX& mutex : mutexes_) EXPECT_TRUE(mutex == nullptr || _lx_MutexDelete(&mutex) == LX_SUCCESS);
+  }
   // A kernel thread whose request is parked on list when this returns.
   Waiter& Park(const SuspendCtrl& list, uint16_t service, void* object, uint32_t wait, uint64_t value = 0,
                uint64_t option = 0, uint32_t* data = nullptr, uint16_t priority = 32) {
