@@ -330,14 +330,19 @@ void Define() {
 
 }  // namespace
 
+// The report is one line written with one call: written in pieces, another
+// thread's output could land between its prefix and its message.
 void Fail(const char* format, ...) {
-  std::lock_guard lock(g_printLock);
-  std::fprintf(stderr, "SOAK FAILURE [%.2f s]: ", static_cast<double>(NowMs()) / 1000);
+  char line[1024];
+  int length = std::snprintf(line, sizeof line, "SOAK FAILURE [%.2f s]: ", static_cast<double>(NowMs()) / 1000);
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  length += std::vsnprintf(line + length, sizeof line - length, format, arguments);
   va_end(arguments);
-  std::fputc('\n', stderr);
+  length = std::min<int>(length, sizeof line - 2);
+  line[length++] = '\n';
+  std::lock_guard lock(g_printLock);
+  [[maybe_unused]] ssize_t written = ::write(STDERR_FILENO, line, length);
   ++g_failures;
 }
 

@@ -12,6 +12,7 @@
 //   grants its whole budget at once and not one byte more;
 // - a pool never keeps waiters while it could serve them (lost wake-up).
 #include <cinttypes>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,7 @@ constexpr uint32_t kBlockSize = 64, kBlocks = 3;
 constexpr uint32_t kBudget = 400, kLargest = 200;
 // Header in front of the memory the pools hand out (pool handle; byte pools
 // add the size).
-constexpr size_t kBlockHeader = 8, kByteHeader = 12;
+constexpr size_t kAreaFront = alignof(std::max_align_t);  // the pool area starts that far in front
 constexpr int64_t kRestCheckMs = 1500;
 constexpr int kRestTicks = 300;
 
@@ -71,7 +72,7 @@ bool Use(Worker& self, void* memory, size_t size, const char* pool) {
 
 // A release refused because the pool was deleted leaves the heap area to the
 // caller.
-void Discard(void* memory, size_t header) { std::free(static_cast<unsigned char*>(memory) - header); }
+void Discard(void* memory) { std::free(static_cast<unsigned char*>(memory) - kAreaFront); }
 
 // --- Block pools. ---
 
@@ -116,7 +117,7 @@ void BlockWork(Worker& self) {
       Expect(released, {LX_SUCCESS}, "block release");
     } else {
       Expect(released, {LX_SUCCESS, LX_POOL_ERROR, LX_NOT_AVAILABLE}, "volatile block release");
-      if (released == LX_POOL_ERROR) Discard(block, kBlockHeader);
+      if (released == LX_POOL_ERROR) Discard(block);
     }
   }
   if (stable) g_blockGate.Leave();
@@ -251,7 +252,7 @@ void ByteWork(Worker& self) {
       Expect(released, {LX_SUCCESS}, "byte release");
     } else {
       Expect(released, {LX_SUCCESS, LX_POOL_ERROR, LX_NOT_AVAILABLE}, "volatile byte release");
-      if (released == LX_POOL_ERROR) Discard(memory, kByteHeader);
+      if (released == LX_POOL_ERROR) Discard(memory);
     }
   }
   if (stable) g_byteGate.Leave();

@@ -4,8 +4,10 @@
 #   libquorvin-dev   headers, the libquorvin.so link, quorvin.pc and the CMake
 #                    package; depends on the exact same libquorvin9
 #
-# Both install under /usr. The architecture is the target's, so the arm64
-# cross build makes arm64 packages. Dependencies are written out rather than
+# Both install under /usr, the library in Debian's multiarch folder
+# (/usr/lib/x86_64-linux-gnu, /usr/lib/aarch64-linux-gnu: CMAKE_INSTALL_LIBDIR).
+# The architecture is the target's, so the arm64 cross build makes arm64
+# packages. cpack's deb generator needs the `file` program. Dependencies are written out rather than
 # computed by dpkg-shlibdeps, which cannot inspect a cross-built library.
 
 set(CPACK_GENERATOR DEB)

@@ -1,8 +1,8 @@
 // Block pools: the _lx_Block services (calling thread) and the CM_Block
 // handlers (dispatcher thread, S_sCmLock held).
 //
-// The pool counts blocks; a granted block is a heap area of block size + 8
-// bytes taken by the allocating thread, its first 8 bytes naming the pool. A
+// The pool counts blocks; a granted block is a heap area taken by the
+// allocating thread, the 8 bytes in front of the block naming the pool. A
 // release with a waiter passes the block straight to the longest waiter (the
 // count does not change); without one it adds one to the count, unbounded.
 #include <cstdlib>

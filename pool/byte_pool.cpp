@@ -3,8 +3,8 @@
 //
 // The pool counts a budget of bytes, without overhead or rounding: n bytes
 // granted take exactly n, their release gives exactly n back. A granted
-// allocation is a heap area of 12 + n bytes taken by the allocating thread,
-// headed by the pool handle and n. An allocation that fits is granted at
+// allocation is a heap area taken by the allocating thread, the 12 bytes in
+// front of the memory holding the pool handle and n. An allocation that fits is granted at
 // once, even while others wait; a release serves waiters strictly in list
 // order and stops at the first that does not fit.
 #include <cstdlib>

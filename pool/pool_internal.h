@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -34,6 +35,31 @@ inline constexpr uint16_t kPoolRelease = 0x6;
 // pools the size as an unsigned 32-bit value after it.
 inline constexpr size_t kBlockHeader = sizeof(void*);
 inline constexpr size_t kByteHeader = sizeof(void*) + sizeof(uint32_t);
+
+// The heap area behind every address a pool hands out, as malloc aligns it:
+//
+//   area                                      area + kAreaFront = address
+//   | padding (kAreaFront - header) | header |  memory: size bytes, zeroed |
+//
+// The area starts on an alignof(max_align_t) boundary and the front is a
+// multiple of it, so the address is aligned for any type (16 bytes on both
+// targets). The header ends right at the address, where releases read it;
+// the padding exists only so that the address is aligned, and a release
+// frees the area from its true start. A pool's budget counts only the size.
+inline constexpr size_t kAreaAlign = alignof(std::max_align_t);
+inline constexpr size_t kAreaFront = (kByteHeader + kAreaAlign - 1) / kAreaAlign * kAreaAlign;
+static_assert(kBlockHeader <= kAreaFront && kByteHeader <= kAreaFront && kAreaFront % kAreaAlign == 0);
+
+// A zero-filled area for size bytes of memory, or nullptr; returns the
+// address handed out.
+inline unsigned char* AllocateArea(uint64_t size) noexcept {
+  const uint64_t bytes = (kAreaFront + size + kAreaAlign - 1) / kAreaAlign * kAreaAlign;
+  void* area = std::aligned_alloc(kAreaAlign, bytes);
+  if (area == nullptr) return nullptr;
+  std::memset(area, 0, bytes);
+  return static_cast<unsigned char*>(area) + kAreaFront;
+}
+inline void FreeArea(void* memory) noexcept { std::free(static_cast<unsigned char*>(memory) - kAreaFront); }
 
 constexpr uint16_t PoolTimeout(const SuspendCtrl&) noexcept { return LX_NO_MEMORY; }
 
@@ -101,34 +127,35 @@ class PoolFamily {
     const LX_STATUS status = IssueOwnRequest(caller, class_ | kPoolAllocate, handle, waitOption);
     if (status != LX_SUCCESS) return status;
     const uint64_t size = (*caller)->sRequest.u64Value;
-    auto* area = static_cast<unsigned char*>(std::calloc(1, header_ + size));
-    if (area == nullptr) {
+    unsigned char* memory = AllocateArea(size);
+    if (memory == nullptr) {
       IssueOwnRequest(caller, class_ | kPoolRelease, handle, LX_NO_WAIT);  // u64Value: still the size
       return LX_NO_MEMORY;
     }
-    std::memcpy(area, &handle, sizeof handle);
+    unsigned char* header = memory - header_;
+    std::memcpy(header, &handle, sizeof handle);
     if (header_ == kByteHeader) {
       const auto bytes = static_cast<uint32_t>(size);
-      std::memcpy(area + sizeof handle, &bytes, sizeof bytes);
+      std::memcpy(header + sizeof handle, &bytes, sizeof bytes);
     }
-    *out = area + header_;
+    *out = memory;
     return LX_SUCCESS;
   }
 
   // After release's checks: refuses memory whose header names no live pool of
   // this family, asks the dispatcher, and frees the area once it accepted.
   LX_STATUS Release(LX_THREAD* caller, void* memory) {
-    unsigned char* area = static_cast<unsigned char*>(memory) - header_;
+    const unsigned char* header = static_cast<unsigned char*>(memory) - header_;
     Pool** handle = nullptr;
-    std::memcpy(&handle, area, sizeof handle);
+    std::memcpy(&handle, header, sizeof handle);
     if (!Live(handle)) return LX_POOL_ERROR;
     if (header_ == kByteHeader) {
       uint32_t bytes = 0;
-      std::memcpy(&bytes, area + sizeof handle, sizeof bytes);
+      std::memcpy(&bytes, header + sizeof handle, sizeof bytes);
       (*caller)->sRequest.u64Value = bytes;
     }
     const LX_STATUS status = IssueOwnRequest(caller, class_ | kPoolRelease, handle, LX_NO_WAIT);
-    if (status == LX_SUCCESS) std::free(area);
+    if (status == LX_SUCCESS) FreeArea(memory);
     return status;
   }
 

@@ -16,6 +16,9 @@ jobs=${QUORVIN_JOBS:-2}
 presets=("$@")
 ((${#presets[@]} > 0)) || presets=(default)
 
+# First, so that cmake is there to list the presets on a fresh machine.
+[[ ${QUORVIN_SKIP_BOOTSTRAP:-0} == 1 ]] || "$root/scripts/bootstrap.sh"
+
 known=$(cmake --list-presets=configure 2>/dev/null | sed -n 's/^ *"\([^"]*\)".*/\1/p' || true)
 for preset in "${presets[@]}"; do
   if [[ -n $known ]] && ! grep -qx "$preset" <<<"$known"; then
@@ -23,8 +26,6 @@ for preset in "${presets[@]}"; do
     exit 2
   fi
 done
-
-[[ ${QUORVIN_SKIP_BOOTSTRAP:-0} == 1 ]] || "$root/scripts/bootstrap.sh"
 
 # The sanitizer runtimes of GCC 12 expect the kernel's default amount of
 # address randomization; with more (vm.mmap_rnd_bits above 28) they stop with

@@ -49,8 +49,11 @@ dpkg-deb -x "$runtime" "$fresh"
 dpkg-deb -x "$development" "$fresh"
 prefix=$fresh/usr
 
-# Layout: the library with its soname links, the headers, both package files.
+# Layout: the library with its soname links in Debian's multiarch folder, the
+# headers, both package files.
+case $arch in amd64) multiarch=x86_64-linux-gnu ;; arm64) multiarch=aarch64-linux-gnu ;; *) multiarch=$arch ;; esac
 libdir=$(dirname "$(find "$prefix" -name 'libquorvin.so.9.0.0' -print -quit)")
+[[ $libdir == "$prefix/lib/$multiarch" ]] || fail "the library is in ${libdir#"$fresh"}, not in /usr/lib/$multiarch"
 [[ $libdir != . && -f $libdir/libquorvin.so.9.0.0 && ! -L $libdir/libquorvin.so.9.0.0 ]] ||
   fail "libquorvin.so.9.0.0 is not installed as a file"
 [[ $(readlink "$libdir/libquorvin.so.9") == libquorvin.so.9.0.0 ]] || fail "libquorvin.so.9 does not point to libquorvin.so.9.0.0"
@@ -100,8 +103,11 @@ run_programs() {
   tail -n 1 "$work/guide.log"
 }
 
-flags=$(PKG_CONFIG_SYSROOT_DIR= PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs quorvin)
-echo "-- pkg-config --cflags --libs quorvin: $flags"
+# Installed, the packages' folders are the system's, which pkg-config leaves out.
+flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig PKG_CONFIG_SYSTEM_LIBRARY_PATH=/usr/lib/$multiarch pkg-config --cflags --libs quorvin)
+[[ ${flags% } == -lquorvin ]] || fail "pkg-config --cflags --libs quorvin prints '$flags' for /usr, not just -lquorvin"
+flags=$(PKG_CONFIG_SYSROOT_DIR= PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --define-variable=prefix="$prefix" --cflags --libs quorvin)
+echo "-- pkg-config --cflags --libs quorvin, unpacked under $prefix: $flags"
 mkdir -p "$work/pkg-config"
 # shellcheck disable=SC2086  # the flags are meant to be split
 "$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pkg-config/app" "$work/src/consumer.c" $flags

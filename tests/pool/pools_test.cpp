@@ -91,7 +91,7 @@ class PoolTest : public KernelTest {
     return std::all_of(bytes, bytes + size, [](unsigned char b) { return b == 0; });
   }
   // Frees an area whose pool is gone, as nothing else can.
-  static void Discard(void* memory, size_t header) { std::free(static_cast<char*>(memory) - header); }
+  static void Discard(void* memory, size_t) { FreeArea(memory); }
 
   Waiters waiters_;
   std::deque<void*> memory_;  // what each waiter received, in start order
