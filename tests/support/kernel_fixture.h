@@ -24,12 +24,8 @@ namespace quorvin::test {
 
 using namespace std::chrono_literals;
 
-// Empties the pid list and starts the core (the "Scheduler" entry and the
-// dispatcher) from the calling thread. Once per process.
-inline void BootCore() {
-  static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true);
-  (void)booted;
-}
+// Empties the pid list and starts the core (the "Scheduler" entry and the dispatcher); once per process.
+inline void BootCore() { static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true); (void)booted; }
 
 // Polls a condition until it holds or the time runs out.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
@@ -39,14 +35,12 @@ inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milli
   return true;
 }
 
-// Creates a kernel thread that runs body; the handle word must outlive it.
-// The body is owned by the thread's entry, so a thread cancelled inside it
-// frees it as it unwinds.
+// Creates a kernel thread that runs body; the handle word must outlive it. The body belongs to the
+// thread's entry, so a thread cancelled inside it frees it as it unwinds.
 inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body, uint16_t priority = 32,
                        uint16_t threshold = 0, uint16_t autoStart = 1) {
   const LX_THREAD_ENTRY run = [](uint64_t input) -> void* {
-    std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()();
-    return nullptr;
+    return std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()(), nullptr;
   };
   auto* owned = new std::function<void()>(std::move(body));
   const LX_STATUS status = _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0,
@@ -58,47 +52,34 @@ inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()
 // Waits for a created thread's POSIX thread to have ended (joins it).
 inline bool Join(LX_THREAD thread, std::chrono::milliseconds limit = 10s) {
   timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += static_cast<time_t>(limit.count() / 1000);
+  clock_gettime(CLOCK_REALTIME, &deadline), deadline.tv_sec += static_cast<time_t>(limit.count() / 1000);
   return pthread_timedjoin_np(thread->hThread, nullptr, &deadline) == 0;
 }
 
 // Reads a word that kernel threads change without a lock, atomically.
 template <typename T>
-T Peek(const T& word) {
-  return quorvin::detail::LoadRelaxed(word);
-}
+T Peek(const T& word) { return quorvin::detail::LoadRelaxed(word); }
 inline uint16_t StateOf(LX_THREAD thread) { return Peek(thread->u16State); }
 
 // The calling thread's own request block (the thread must be in the pool).
 inline CmServiceRequest& OwnRequest() {
   LX_THREAD* self = _lx_ThreadIdentify();
-  if (self == nullptr || *self == nullptr) std::abort();
-  return (*self)->sRequest;
+  return self != nullptr && *self != nullptr ? (*self)->sRequest : (std::abort(), (*self)->sRequest);
 }
 
 // Issues a request from the calling thread's own block and returns its status.
 inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
                       uint64_t value = 0, uint64_t option = 0, void* data = nullptr) {
-  CmServiceRequest& request = OwnRequest();
-  request.u16Service = service;
-  request.psThread = _lx_ThreadIdentify();
-  request.pvObject = object;
-  request.u32WaitOption = waitOption;
-  request.u64Value = value;
-  request.u64Option = option;
-  request.pvData = data;
-  CM_Request(&request);
-  return request.u16Status;
+  CmServiceRequest& r = OwnRequest();
+  r.u16Service = service, r.psThread = _lx_ThreadIdentify(), r.pvObject = object, r.u32WaitOption = waitOption;
+  r.u64Value = value, r.u64Option = option, r.pvData = data;
+  CM_Request(&r);
+  return r.u16Status;
 }
 
-// Waiters on a suspend list (negative for receivers of a queue) and the handle
-// word of the first, and the finite waits registered with the sleep agent,
-// read under the component-manager lock.
-inline int32_t Waiting(const SuspendCtrl& list) {
-  std::lock_guard lock(quorvin::detail::CmLock());
-  return list.i32SuspendCount;
-}
+// Under the component-manager lock: the waiters on a suspend list (negative for receivers of a queue),
+// the handle word of the first, and the finite waits registered with the sleep agent.
+inline int32_t Waiting(const SuspendCtrl& list) { std::lock_guard lock(quorvin::detail::CmLock()); return list.i32SuspendCount; }
 inline LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
   std::lock_guard lock(quorvin::detail::CmLock());
   return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
@@ -106,16 +87,15 @@ inline LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
 inline size_t SleepAgentEntries() {
   std::lock_guard lock(quorvin::detail::CmLock());
   size_t n = 0;
-  for (auto* request = quorvin::detail::S_psSleepTop; request != nullptr; request = request->psSleepNext) ++n;
+  for (auto* r = quorvin::detail::S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
   return n;
 }
 
 // The pid list's lines, and the number of open descriptors of the process.
 inline std::vector<std::string> PidListLines() {
-  std::ifstream file(LX_PID_LIST_PATH);
   std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
-  return lines;
+  for (std::ifstream file(LX_PID_LIST_PATH); lines.emplace_back(), std::getline(file, lines.back());) {}
+  return lines.pop_back(), lines;
 }
 inline int OpenDescriptorCount() {
   int count = -1;  // the listing's own descriptor
@@ -123,76 +103,51 @@ inline int OpenDescriptorCount() {
   return count;
 }
 
-// The stand-in timer thread: a thread on the timer thread's handle word that
-// runs sleep-agent passes (or any work) on command and returns when they are
-// done, so that time-outs advance tick by tick.
+// The stand-in timer thread: a thread on the timer thread's handle word that runs sleep-agent passes
+// (or any work) on command and returns when they are done, so that time-outs advance tick by tick.
 class StandInTimer {
  public:
   StandInTimer() {
-    const LX_STATUS status = Spawn(G_psTimer, "TimerISR", [this] {
-      for (;;) {
-        go_.acquire();
-        (*work_)();
-        done_.release();
-      }
-    });
-    if (status != LX_SUCCESS) ADD_FAILURE() << "stand-in timer thread: status " << status;
+    EXPECT_EQ(Spawn(G_psTimer, "TimerISR", [this] { for (;; done_.release()) go_.acquire(), (*work_)(); }), LX_SUCCESS);
   }
-  void RunPasses(int n = 1) {
-    while (n-- > 0) Run(SleepAgentEx);
-  }
-  void Run(const std::function<void()>& work) {
-    work_ = &work;
-    go_.release();
-    done_.acquire();
-  }
+  void RunPasses(int n = 1) { while (n-- > 0) Run(SleepAgentEx); }
+  void Run(const std::function<void()>& work) { work_ = &work, go_.release(), done_.acquire(); }
 
  private:
   std::binary_semaphore go_{0}, done_{0};
   const std::function<void()>* work_ = nullptr;
 };
 
-// The process's stand-in timer thread, made on first use and kept for the
-// process's life.
-inline StandInTimer& Timer() {
-  static StandInTimer* const timer = new StandInTimer;
-  return *timer;
-}
+// The process's stand-in timer thread, made on first use and kept for the process's life.
+inline StandInTimer& Timer() { static StandInTimer* const timer = new StandInTimer; return *timer; }
 
 // Runs calls on the timer thread and returns the statuses they gave, in order.
 using Statuses = std::vector<LX_STATUS>;
 inline Statuses OnTimerThread(const std::function<Statuses()>& calls) {
   Statuses statuses;
-  Timer().Run([&] { statuses = calls(); });
-  return statuses;
+  return Timer().Run([&] { statuses = calls(); }), statuses;
 }
 
-// Kernel threads that each run one blocking call and keep its status.
+// Kernel threads that each run one blocking call and keep its status; joined at the end.
 class Waiters {
  public:
+  static constexpr uint32_t kPending = 0xFFFFFFFFu;
   struct Waiter {
     LX_THREAD handle = nullptr;
     std::atomic<uint32_t> status{kPending};
     bool Done() const { return status.load() != kPending; }
   };
-  static constexpr uint32_t kPending = 0xFFFFFFFFu;
-
   Waiters() = default;
   Waiters(const Waiters&) = delete;
-  Waiters& operator=(const Waiters&) = delete;
   ~Waiters() { JoinAll(); }
 
-  // Starts a thread that runs call and keeps its result; given parked,
-  // returns only once parked() holds (the thread has begun to wait).
+  // Starts a thread that runs call; given parked, returns only once parked() holds (it began to wait).
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
                 const char* name = "waiter") {
-    Waiter& waiter = waiters_.emplace_back();
-    EXPECT_EQ(Spawn(&waiter.handle, name, [&waiter, call = std::move(call)] { waiter.status = call(); }, priority),
-              LX_SUCCESS);
-    if (parked) {
-      EXPECT_TRUE(WaitUntil(parked)) << name << " never began to wait";
-    }
-    return waiter;
+    Waiter& w = waiters_.emplace_back();
+    EXPECT_EQ(Spawn(&w.handle, name, [&w, call = std::move(call)] { w.status = call(); }, priority), LX_SUCCESS);
+    EXPECT_TRUE(!parked || WaitUntil(parked)) << name << " never began to wait";
+    return w;
   }
   // Starts a thread that runs call; returns once it has joined the waiters on list.
   Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32) {
@@ -200,33 +155,23 @@ class Waiters {
     return Start(std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
   }
   // The waiter's status once its call has returned (kPending if not within the limit).
-  static uint32_t StatusOf(const Waiter& waiter, std::chrono::milliseconds limit = 10s) {
-    WaitUntil([&] { return waiter.Done(); }, limit);
-    return waiter.status.load();
+  static uint32_t StatusOf(const Waiter& w, std::chrono::milliseconds limit = 10s) {
+    return WaitUntil([&] { return w.Done(); }, limit), w.status.load();
   }
-  // Joins every thread started; a thread that does not end is a failure.
   void JoinAll() {
-    for (Waiter& waiter : waiters_) {
-      if (waiter.handle != nullptr) {
-        EXPECT_TRUE(Join(waiter.handle)) << "a waiter never ended";
-      }
-    }
+    for (Waiter& w : waiters_) EXPECT_TRUE(w.handle == nullptr || Join(w.handle)) << "a waiter never ended";
     waiters_.clear();
   }
 
  private:
   std::deque<Waiter> waiters_;
 };
-
 using Waiter = Waiters::Waiter;
 
 // Fixture: isolation required, core booted.
 class KernelTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    QUORVIN_REQUIRE_ISOLATION();
-    BootCore();
-  }
+  void SetUp() override { QUORVIN_REQUIRE_ISOLATION(); BootCore(); }
 };
 
 }  // namespace quorvin::test
