@@ -83,6 +83,7 @@ extern pthread_mutex_t S_sCmLock;        // guards the request list, S_i8CmIdle,
 extern int32_t S_i32CmPIPE[2];           // dispatcher wake pipe: read end, write end
 extern int8_t S_i8CmIdle;                // 1: the next request must write a wake byte
 extern pthread_t S_sCmThread;            // the dispatcher thread
+extern int32_t S_i32CmTid;               // its kernel thread id, for debuggers; 0 before it runs
 extern CmServiceRequest* S_psSleepTop;   // first registered request (sleep agent)
 extern CmServiceRequest* S_psSleepEnd;   // last registered request
 

@@ -23,6 +23,7 @@
 #include <mutex>
 
 #include "cm/cm_internal.h"
+#include "cm/trace.h"
 #include "quorvin/lx_log.h"
 #include "quorvin/lx_timer.h"
 
@@ -35,6 +36,7 @@ pthread_mutex_t S_sCmLock = PTHREAD_MUTEX_INITIALIZER;
 int32_t S_i32CmPIPE[2] = {-1, -1};
 int8_t S_i8CmIdle = 1;
 pthread_t S_sCmThread;
+int32_t S_i32CmTid = 0;
 
 namespace {
 constinit PosixMutex g_cmLock(S_sCmLock);
@@ -80,6 +82,7 @@ void FatalStartup(const char* message, std::size_t length) {
 // the wake byte (by the caller, once it has released the lock). S_sCmLock held.
 bool AppendLocked(CmServiceRequest& request) noexcept {
   CM_RequestAdd(&request);
+  QV_TRACE3(request__queued, &request, LoadService(request), request.psThread);
   if (S_i8CmIdle != 1) return false;
   S_i8CmIdle = 0;
   return true;
@@ -88,6 +91,7 @@ bool AppendLocked(CmServiceRequest& request) noexcept {
 void Dispatch(CmServiceRequest& request) noexcept {
   const uint16_t service = LoadService(request);  // a terminate may clear it meanwhile
   const ClassEntry* entry = FindClass(service);
+  QV_TRACE2(request__dispatched, &request, service);
   if (entry != nullptr && entry->function != nullptr) {
     entry->function(service, &request);
   } else {
@@ -193,6 +197,7 @@ int32_t CM_WaitingSignalEx(int32_t i32Fd) {
 }
 
 int32_t CM_WakeUpThread(CmServiceRequest* psRequest) {
+  QV_TRACE2(request__completed, psRequest, psRequest->u16Status);
   MoveOneByte(psRequest->ai32ReplyPipe[1], true);
   return 0;
 }
@@ -245,6 +250,7 @@ void CM_RequestFree(void) {
 void* ComponentManagerRequestHandle(void*) {
   SaveLogFile(LX_PID_LIST_PATH, "Name: CMRH, pid:%ld\n", static_cast<long>(::syscall(SYS_gettid)));
   ::prctl(PR_SET_NAME, "CMRH", 0, 0, 0);
+  StoreRelaxed(S_i32CmTid, static_cast<int32_t>(::syscall(SYS_gettid)));
   for (;;) {
     if (!MoveOneByte(S_i32CmPIPE[0], false)) {
       // The wake pipe has failed for good: keep serving, polling once a

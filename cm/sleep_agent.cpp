@@ -22,12 +22,17 @@
 #include <mutex>
 
 #include "cm/cm_internal.h"
+#include "cm/debug_table.h"
 #include "quorvin/lx_timer.h"
 
 namespace quorvin::detail {
 
 CmServiceRequest* S_psSleepTop = nullptr;
 CmServiceRequest* S_psSleepEnd = nullptr;
+QV_DEBUG_ENTRY("sleep", &S_psSleepTop, 0);
+QV_DEBUG_ENTRY("reqtop", &S_psTop, 0);
+QV_DEBUG_ENTRY("cmtid", &S_i32CmTid, 0);
+QV_DEBUG_ENTRY("timerth", &G_psTimer, 0);
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 
 #include "cm/cm_internal.h"
+#include "cm/trace.h"
 #include "kernel/platform.h"
 
 namespace quorvin::detail {
@@ -82,6 +83,7 @@ void CM_AddToSuspendList(CmServiceRequest* psRequest, SuspendCtrl* psSuspendCtrl
   }
   list.i32SuspendCount += (u8Flags & CM_SUSPEND_COUNT_UP) != 0 ? 1 : -1;
   NoteParked(*psRequest, &list);
+  QV_TRACE4(parked, psRequest->psThread, psRequest->pvObject, LoadService(*psRequest), waitOption);
   // A request moved by a prioritize keeps its one registration and the ticks
   // it has left.
   if (waitOption == LX_WAIT_FOREVER || LoadInSleepAgent(*psRequest) != 0) return;
@@ -116,6 +118,7 @@ void CM_RemoveTargetFromSuspendListEx(SuspendCtrl* psSuspendCtrl, SuspendNode* p
   CmServiceRequest& request = RequestOfNode(node);
   NoteParked(request, nullptr);
   if (u8Mode == CM_REMOVE_UNLINK_ONLY) return;
+  QV_TRACE4(released, node.psOwner, request.pvObject, u8Mode, StatusForMode(u8Mode, u16Status));
   ReleaseLocked(request, node.psOwner, StatusForMode(u8Mode, u16Status));
 }
 
@@ -136,6 +139,7 @@ void CM_WakeUpAllThreadInSuspendList(CmServiceRequest*, SuspendCtrl* psSuspendCt
     if (list.psFirstSuspend != nullptr) list.psFirstSuspend->psPrev = nullptr;
     CmServiceRequest& request = RequestOfNode(*node);
     NoteParked(request, nullptr);
+    QV_TRACE4(released, node->psOwner, request.pvObject, 4, u16Status);
     ReleaseLocked(request, node->psOwner, u16Status);
   }
   list.i32SuspendCount = 0;

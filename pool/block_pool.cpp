@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "cm/debug_table.h"
 #include "kernel/platform.h"
 #include "pool/pool_internal.h"
 
@@ -15,6 +16,8 @@ namespace quorvin::detail {
 
 void* S_paBlockPool[kRegistrySlots] = {};
 int32_t S_i32BlockPoolIndex = 0;
+QV_DEBUG_ENTRY("blockp", S_paBlockPool, kRegistrySlots);
+QV_DEBUG_ENTRY("blockpn", &S_i32BlockPoolIndex, 0);
 
 namespace {
 

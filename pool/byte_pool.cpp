@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "cm/debug_table.h"
 #include "kernel/platform.h"
 #include "pool/pool_internal.h"
 
@@ -17,6 +18,8 @@ namespace quorvin::detail {
 
 void* S_paBytePool[kRegistrySlots] = {};
 int32_t S_i32BytePoolIndex = 0;
+QV_DEBUG_ENTRY("bytep", S_paBytePool, kRegistrySlots);
+QV_DEBUG_ENTRY("bytepn", &S_i32BytePoolIndex, 0);
 
 namespace {
 

@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include "cm/cm_internal.h"
+#include "cm/debug_table.h"
 #include "kernel/deadline.h"
 #include "queue/queue_internal.h"
 
@@ -27,6 +28,8 @@ namespace {
 // Every record ever made, newest first, so that none becomes unreachable
 // when a handle word is overwritten by a second creation. G_sQueueLock.
 MqQueueRecord* S_psQueueRecords = nullptr;
+QV_DEBUG_ENTRY("mqlist", &S_psQueueRecords, offsetof(MqQueueRecord, psNextRecord));
+QV_DEBUG_ENTRY("mqbytes", nullptr, offsetof(MqQueueRecord, u32MessageBytes));
 
 constexpr std::size_t kNameBytes = 31;  // "/mq_" and 26 characters of the name
 constexpr mode_t kPermissions = 0770;

@@ -22,6 +22,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev   # GoogleTest sources in /usr/src/googletest
   gcovr                                  # scripts/coverage.sh
   g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user   # the arm64 build and its tests
+  systemtap-sdt-dev gdb gdb-multiarch bpftrace                 # tracepoints and the debugger tests
 )
 
 case ${1:-} in

@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "cm/debug_table.h"
 #include "kernel/deadline.h"
 #include "kernel/platform.h"
 #include "sync/sync_internal.h"
@@ -28,6 +29,9 @@ namespace quorvin::detail {
 
 void* S_paEventFlags[kRegistrySlots] = {};
 int32_t S_i32EventFlagsIndex = 0;
+QV_DEBUG_ENTRY("group", S_paEventFlags, kRegistrySlots);
+QV_DEBUG_ENTRY("groupn", &S_i32EventFlagsIndex, 0);
+QV_DEBUG_ENTRY("grwait", nullptr, offsetof(EventFlagsControlBlock, psFirstWaiter));
 
 namespace {
 constinit HandleRegistry g_groups(S_paEventFlags, S_i32EventFlagsIndex);

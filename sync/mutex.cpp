@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "cm/debug_table.h"
 #include "cm/object_class.h"
 #include "cm/registry.h"
+#include "cm/trace.h"
 #include "kernel/platform.h"
 #include "quorvin/lx_mutex.h"
 #include "quorvin/lx_timer.h"
@@ -18,6 +20,8 @@ namespace quorvin::detail {
 
 void* S_paMutex[kRegistrySlots] = {};
 int32_t S_i32MutexIndex = 0;
+QV_DEBUG_ENTRY("mutex", S_paMutex, kRegistrySlots);
+QV_DEBUG_ENTRY("mutexn", &S_i32MutexIndex, 0);
 
 namespace {
 
@@ -161,6 +165,7 @@ int32_t CM_MutexGet(CmServiceRequest* psRequest) {
   if (mutex == nullptr) return 0;
   psRequest->u16Status = LX_SUCCESS;
   if (mutex->u32Available != 0) {
+    QV_TRACE3(mutex__handover, psRequest->pvObject, nullptr, psRequest->psThread);
     mutex->psOwner = psRequest->psThread;
     mutex->u32Available = 0;
     CM_WakeUpThread(psRequest);
@@ -176,6 +181,7 @@ int32_t CM_MutexPut(CmServiceRequest* psRequest) {
   CompleteLocked(*psRequest, LX_SUCCESS);  // the putter goes before the hand-over
   SuspendCtrl& list = mutex->sSuspendCtrl;
   if (list.i32SuspendCount <= 0) {
+    QV_TRACE3(mutex__handover, psRequest->pvObject, mutex->psOwner, nullptr);
     mutex->psOwner = nullptr;
     mutex->u32Available = 1;
     return 0;
@@ -185,6 +191,7 @@ int32_t CM_MutexPut(CmServiceRequest* psRequest) {
     chosen = FindPreferredWaiter(list);
     if (chosen == nullptr) chosen = list.psLastSuspend;
   }
+  QV_TRACE3(mutex__handover, psRequest->pvObject, mutex->psOwner, chosen->psOwner);
   mutex->psOwner = chosen->psOwner;
   CM_RemoveTargetFromSuspendListEx(&list, chosen, CM_REMOVE_SUCCESS, CM_STATUS_UNUSED);
   return 0;
@@ -194,6 +201,7 @@ int32_t CM_MutexDelete(CmServiceRequest* psRequest) {
   MutexControlBlock* mutex = DispatchedMutex(*psRequest);
   if (mutex == nullptr) return 0;
   psRequest->u16Status = LX_SUCCESS;
+  QV_TRACE3(mutex__handover, psRequest->pvObject, mutex->psOwner, nullptr);
   CM_WakeUpAllThreadInSuspendList(psRequest, &mutex->sSuspendCtrl, LX_DELETED);
   // Requests queued behind this one in the same pass passed their caller's
   // check while the mutex still existed: the NULL word makes them answer

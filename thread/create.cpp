@@ -28,6 +28,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "cm/trace.h"
 #include "kernel/platform.h"
 #include "quorvin/lx_log.h"
 #include "thread/thread_internal.h"
@@ -94,8 +95,10 @@ void WaitForResume() noexcept {
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
   LX_THREAD* self = _lx_ThreadIdentify();
+  QV_TRACE1(thread__suspended, self);
   while (TakeThreadSignal() != SIGUSR1) {
   }
+  QV_TRACE1(thread__resumed, self);
   SetThreadState(self, LX_STATE_READY);
   pthread_setcancelstate(state, nullptr);
 }
@@ -192,6 +195,7 @@ LX_STATUS _lx_ThreadCreate(LX_THREAD* psThread, const char* pcName, LX_THREAD_EN
     if (created == 0) StoreThreadId(*tcb, id);
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   }
+  if (created == 0) QV_TRACE2(thread__created, psThread, tcb->acName);
   if (created == 0) return LX_SUCCESS;
 
   {
@@ -233,6 +237,7 @@ void* ChildThreadEntry(ThreadControlBlock* psTcb) {
   _lx_ThreadPreemptionChange(tcb.psSelf, LoadRelaxed(tcb.u16PreemptThreshold), &scratch);
   _lx_ThreadPriorityChange(tcb.psSelf, LoadRelaxed(tcb.u16Priority), &scratch);
   StoreRelaxed(RecordOf(tcb).kernelTid, KernelTid());
+  QV_TRACE2(thread__started, tcb.psSelf, RecordOf(tcb).kernelTid);
 #if defined(__SANITIZE_ADDRESS__)
   // A terminated thread unwinds without AddressSanitizer seeing it, which
   // leaves the scopes of the frames it left marked on the stack; the

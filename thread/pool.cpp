@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cm/debug_table.h"
 #include "quorvin/lx_thread.h"
 
 #include "thread/thread_internal.h"
@@ -21,6 +22,12 @@ __sigset_t G_sSignalMasktTble;
 namespace quorvin::detail {
 
 LX_THREAD S_psScheduler = nullptr;
+QV_DEBUG_ENTRY("quorvin", nullptr, 1);  // format of the entries
+QV_DEBUG_ENTRY("pool", S_paThreadPool, LX_THREAD_POOL_SLOTS);
+QV_DEBUG_ENTRY("poolcnt", &S_i32ThreadPoolIndex, 0);
+QV_DEBUG_ENTRY("sched", &S_psScheduler, 0);
+QV_DEBUG_ENTRY("tcbsize", nullptr, sizeof(ThreadControlBlock));
+QV_DEBUG_ENTRY("rectid", nullptr, offsetof(ThreadRecord, kernelTid));
 struct sigaction S_sThreadSignalAction;
 uint8_t S_u8ThreadLockSpin = 1;
 

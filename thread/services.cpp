@@ -15,6 +15,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "cm/trace.h"
 #include "thread/thread_internal.h"
 
 namespace quorvin::detail {
@@ -71,6 +72,7 @@ LX_STATUS _lx_ThreadTerminate(LX_THREAD* psThread) {
   if (target == nullptr) return LX_THREAD_ERROR;
   if (psThread == _lx_ThreadIdentify()) {
     StoreState(*target, LX_STATE_TERMINATED);
+    QV_TRACE1(thread__terminated, psThread);
     pthread_exit(nullptr);
   }
   if (TcbOf(_lx_ThreadIdentify()) == nullptr) return LX_THREAD_ERROR;
@@ -123,6 +125,7 @@ LX_STATUS _lx_ThreadDelete(LX_THREAD* psThread) {
     PoolRemoveAtLocked(index);
     RecycleRecordLocked(RecordOf(*target));
   }
+  QV_TRACE1(thread__deleted, psThread);
   return LX_SUCCESS;
 }
 

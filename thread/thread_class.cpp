@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cm/cm_internal.h"
+#include "cm/trace.h"
 #include "quorvin/lx_mutex.h"
 #include "quorvin/lx_pool.h"
 #include "quorvin/lx_queue.h"
@@ -75,6 +76,7 @@ void CM_ThreadFunction(uint16_t u16Service, CmServiceRequest* psRequest) {
     case CM_THREAD_TERMINATE:
       CompleteLocked(request, LX_SUCCESS);
       StoreState(*target, LX_STATE_TERMINATED);
+      QV_TRACE1(thread__terminated, request.psTarget);
       pthread_cancel(LoadRelaxed(target->hThread));
       // A suspended thread, or one whose suspension was deferred to the end
       // of a locked section, waits for signal 10 with cancellation off: the

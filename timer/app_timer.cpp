@@ -13,6 +13,8 @@
 #include <mutex>
 
 #include "cm/cm_internal.h"
+#include "cm/debug_table.h"
+#include "cm/trace.h"
 #include "kernel/platform.h"
 #include "timer/timer_internal.h"
 
@@ -22,6 +24,8 @@ namespace {
 pthread_mutex_t S_sTimerLock = PTHREAD_MUTEX_INITIALIZER;
 int32_t S_i32TimerCount = 0;
 TimerControlBlock* S_paTimerTable[LX_TIMER_TABLE_SLOTS] = {};
+QV_DEBUG_ENTRY("timers", S_paTimerTable, LX_TIMER_TABLE_SLOTS);
+QV_DEBUG_ENTRY("timersn", &S_i32TimerCount, 0);
 
 constexpr int32_t kMaxTimers = LX_TIMER_TABLE_SLOTS - 1;  // the slot after the last stays NULL
 
@@ -63,6 +67,7 @@ void RunTimerTick() noexcept {
       StoreRelaxed(timer.u16Active, uint16_t{0});
       continue;
     }
+    QV_TRACE3(timer__expired, &timer, timer.acName, LoadRelaxed(timer.u32ExpirationInput));
     timer.pfnExpiration(LoadRelaxed(timer.u32ExpirationInput));
     const uint32_t reschedule = LoadRelaxed(timer.u32RescheduleTicks);
     if (reschedule != 0) {

@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "cm/cm_internal.h"
+#include "cm/trace.h"
 #include "timer/timer_internal.h"
 
 namespace quorvin::detail {
@@ -57,6 +58,7 @@ void* _lx_TimerISR(uint64_t) {
     if (!MoveOneByte(G_i32TimerPIPE[0], false)) ParkForGood();
     if (pending.load(std::memory_order_relaxed) == 0) continue;  // a byte without a tick
     pending.fetch_sub(1, std::memory_order_relaxed);
+    QV_TRACE1(tick, pending.load(std::memory_order_relaxed));
     SleepAgentEx();
     RunTimerTick();
   }
