@@ -55,18 +55,15 @@ struct Child {
     if (WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 20s)) return true;
     return ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0), false;
   }
-  std::string Text(int fd) const {
-    std::string text(1 << 16, '\0');
-    return text.substr(0, std::max<ssize_t>(0, ::pread(fd, text.data(), text.size(), 0)));
-  }
+  std::string Text(int fd) const { std::string text(1 << 16, '\0'); return text.substr(0, std::max<ssize_t>(0, ::pread(fd, text.data(), text.size(), 0))); }
   bool ExitedWith(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code && Text(err).empty(); }
   int out = ::memfd_create("out", 0), err = ::memfd_create("err", 0), status = 0;
   pid_t pid = 0;
 };
 struct Observed { std::atomic<int> timerFires, waitStatus; std::atomic<bool> ready; };
 Observed& Shared() {  // mapped before the children are forked
-  static auto* const seen = new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
-  return *seen;
+  static Observed& seen = *new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
+  return seen;
 }
 bool TickThreadStarted() { return testing::Value(PidListLines(), testing::Contains(StartsWith("Name: SoftTimer,"))); }
 
