@@ -92,8 +92,9 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
   EXPECT_TRUE(child.ExitedWith(0)) << child.Text(child.err);
   EXPECT_EQ(child.Text(child.out), "IPMI initial costs 2 seconds, 500000000 nanoseconds\n");
   EXPECT_EQ(Shared().waitStatus, LX_NOT_AVAILABLE);
-  EXPECT_THAT(PidListLines(), testing::UnorderedElementsAre(StartsWith("Name: CMRH, pid:"), StartsWith("Name: TimerISR, pid:"),
-      StartsWith("Name: idle, pid:"), StartsWith("Name: checker, pid:"), "Name: SoftTimer, pid:" + std::to_string(child.pid)));
+  using testing::MatchesRegex;  // one line per thread with its kernel id; nothing stale
+  EXPECT_THAT(PidListLines(), testing::UnorderedElementsAre(MatchesRegex("Name: CMRH, pid:[0-9]+"), MatchesRegex("Name: TimerISR, pid:[0-9]+"),
+      MatchesRegex("Name: idle, pid:[0-9]+"), MatchesRegex("Name: checker, pid:[0-9]+"), "Name: SoftTimer, pid:" + std::to_string(child.pid)));
 }
 
 // SIGQUIT exits with status 0 at once, flushing what is buffered; fault signals write a backtrace
