@@ -6,8 +6,8 @@
 #   bench/all.sh --quick    short rounds, to see that everything runs (not for figures)
 #
 # Latency figures run pinned to CPU 0 (request_bench and sync_bench pin
-# themselves, the others run under taskset -c 0); throughput figures and the
-# two-thread hand-over run unpinned. Every program runs in a private mount
+# themselves, the others run under taskset -c 0, fast_path_bench's hand-over
+# too); throughput figures and mutex_bench's two-thread hand-over run unpinned. Every program runs in a private mount
 # namespace with a tmpfs on /run and the /run/velmora folder the kernel writes
 # its pid list to. Each program prints RESULT lines (bench/result.h) that this
 # script collects; the full output of each is kept in <build>/all-logs/.
@@ -28,7 +28,7 @@ case "${1-}" in
   *) echo "usage: bench/all.sh [--quick]" >&2; exit 2 ;;
 esac
 
-targets="request_bench sync_bench queue_bench tick_bench mutex_bench thread_memory_bench"
+targets="request_bench sync_bench queue_bench tick_bench mutex_bench fast_path_bench thread_memory_bench"
 if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S "$source_dir" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQUORVIN_BUILD_BENCH=ON -DQUORVIN_BUILD_TESTS=OFF -DQUORVIN_BUILD_EXAMPLES=OFF >/dev/null
@@ -73,19 +73,26 @@ if [ "$quick" = 1 ]; then
   run queue_latency taskset -c 0 "$bin/queue_bench" 5000 latency
   run queue_throughput "$bin/queue_bench" 5000 throughput
   run mutex_bench "$bin/mutex_bench" 0.5
+  run fast_path_latency taskset -c 0 "$bin/fast_path_bench" latency --quick
+  run fast_path_throughput "$bin/fast_path_bench" throughput --quick
+  run fast_path_handover taskset -c 0 "$bin/fast_path_bench" handover --quick
 else
   run request_bench "$bin/request_bench"
   run sync_bench "$bin/sync_bench" --cpu=0
   run queue_latency taskset -c 0 "$bin/queue_bench" 200000 latency
   run queue_throughput "$bin/queue_bench" 200000 throughput
   run mutex_bench "$bin/mutex_bench" 3
+  run fast_path_latency taskset -c 0 "$bin/fast_path_bench" latency
+  run fast_path_throughput "$bin/fast_path_bench" throughput
+  run fast_path_handover taskset -c 0 "$bin/fast_path_bench" handover
 fi
 run tick_bench taskset -c 0 "$bin/tick_bench"
 run thread_memory_bench "$bin/thread_memory_bench" 40
 
 echo
 echo "quorvin benchmarks, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPUs, $(uname -m)$([ "$quick" = 1 ] && echo ', QUICK RUN: figures not meaningful')"
-for name in request_bench sync_bench queue_latency queue_throughput mutex_bench tick_bench thread_memory_bench; do
+for name in request_bench sync_bench queue_latency queue_throughput mutex_bench fast_path_latency \
+    fast_path_throughput fast_path_handover tick_bench thread_memory_bench; do
   [ -f "$logs/$name.log" ] && grep '^RESULT	' "$logs/$name.log" || true
 done | awk -F '\t' -f "$here/table.awk"
 if [ -n "$failed" ]; then

@@ -725,16 +725,12 @@ int main(int argc, char** argv) {
           Fmt("%.0f ns", lat.floor.p90), Fmt("%.3f", lat.request.p90 / lat.floor.p90), "-", "(info)");
       Row("CM_Request round trip, median", Fmt("%.0f ns", lat.request.median), "bare pipe, median",
           Fmt("%.0f ns", lat.pipe.median), Fmt("%.3f", lat.request.median / lat.pipe.median), "-", "(info)");
-      const double pairRatio = lat.mutexPair.median / lat.floor.median;
-      anyFail = anyFail || pairRatio > 2.05;
-      Row("mutex get+put pair, median", Fmt("%.0f ns", lat.mutexPair.median), "design floor, median",
-          Fmt("%.0f ns", lat.floor.median), Fmt("%.3f", pairRatio), "<= 2.05", pairRatio <= 2.05 ? "PASS" : "FAIL");
-      for (const auto& [name, pair] : {std::pair{"block alloc+release pair, median", &lat.blockPair},
+      // Handled in the calling thread: no round trip at all (expected <= 0.03).
+      for (const auto& [name, pair] : {std::pair{"mutex get+put pair, median", &lat.mutexPair},
+                                       std::pair{"block alloc+release pair, median", &lat.blockPair},
                                        std::pair{"byte-64 alloc+release, median", &lat.bytePair}}) {
-        const double poolRatio = pair->median / lat.floor.median;
-        anyFail = anyFail || poolRatio > 2.05;
         Row(name, Fmt("%.0f ns", pair->median), "design floor, median", Fmt("%.0f ns", lat.floor.median),
-            Fmt("%.3f", poolRatio), "<= 2.05", poolRatio <= 2.05 ? "PASS" : "FAIL");
+            Fmt("%.3f", pair->median / lat.floor.median), "-", "(info)");
       }
       Row("design floor round trip, median", Fmt("%.0f ns", lat.floor.median), "bare pipe, median",
           Fmt("%.0f ns", lat.pipe.median), Fmt("%.3f", lat.floor.median / lat.pipe.median), "-", "(info)");
@@ -770,12 +766,12 @@ int main(int argc, char** argv) {
     const double floor = lat.floor.median;
     PrintResult("request round trip (CM_Request)", lat.request.median, "ns", "design floor", floor, "<= 1.05",
                 Verdict(lat.request.median / floor, 1.05));
-    PrintResult("mutex get+put pair", lat.mutexPair.median, "ns", "design floor", floor, "<= 2.05",
-                Verdict(lat.mutexPair.median / floor, 2.05));
-    PrintResult("block pool alloc+release pair", lat.blockPair.median, "ns", "design floor", floor, "<= 2.05",
-                Verdict(lat.blockPair.median / floor, 2.05));
-    PrintResult("byte pool alloc+release pair (64 B)", lat.bytePair.median, "ns", "design floor", floor, "<= 2.05",
-                Verdict(lat.bytePair.median / floor, 2.05));
+    PrintResult("mutex get+put pair", lat.mutexPair.median, "ns", "design floor", floor, "print (<= 0.03)",
+                "info");
+    PrintResult("block pool alloc+release pair", lat.blockPair.median, "ns", "design floor", floor,
+                "print (<= 0.03)", "info");
+    PrintResult("byte pool alloc+release pair (64 B)", lat.bytePair.median, "ns", "design floor", floor,
+                "print (<= 0.03)", "info");
   }
   if (o.throughput && thrOk) {
     std::vector<double> one, many;

@@ -176,6 +176,12 @@ ClassEntry ReplaceClassEntry(unsigned classIndex, ClassEntry entry) noexcept;
 // cancelled thread unwinds through it.
 bool MoveOneByte(int fd, bool write);
 
+// Issues a request of the calling thread's own block, as CM_Request does,
+// except that a mutex, block-pool or byte-pool request that finds the request
+// list empty runs its class handler in the calling thread (S_sCmLock held):
+// it finishes there, or parks and then waits for its reply like any other.
+void IssueRequest(CmServiceRequest& request);
+
 // Fills the calling thread's own request block (caller: its handle, a thread
 // of the pool) and issues it; returns the completion status. Every interface
 // service that goes through the dispatcher ends here.
@@ -187,7 +193,7 @@ inline uint16_t IssueOwnRequest(LX_THREAD* caller, uint16_t service, void* objec
   request.psThread = caller;
   request.pvObject = object;
   StoreWaitOption(request, waitOption);
-  CM_Request(&request);
+  IssueRequest(request);
   return request.u16Status;
 }
 

@@ -10,6 +10,13 @@
 // dispatcher sets S_i8CmIdle before it reads the list; the requester that
 // clears the flag owes the one byte, so at most one is ever pending and the
 // pass it starts finds every request queued before it.
+//
+// A mutex, block-pool or byte-pool request issued by an interface service
+// that finds the request list empty skips the queue: its thread runs the class
+// handler itself under S_sCmLock, which is what the dispatcher, idle between
+// passes, would do next. A request answered there needs no pipe and no thread
+// switch; one that parks gets its reply pipe before the lock is released and
+// waits like any other.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -99,18 +106,98 @@ void Dispatch(CmServiceRequest& request) noexcept {
   }
 }
 
-// Both sides of CM_Request; the sleep agent's expiries skip the timer rule.
-void RequestImpl(CmServiceRequest& request, bool refuseTimerWaits) {
+// The request whose class handler the calling thread runs itself, and whether
+// the handler has answered it: CM_WakeUpThread notes the answer here instead
+// of writing a byte, for such a request has no reply pipe.
+[[gnu::tls_model("initial-exec")]] thread_local CmServiceRequest* t_handledHere = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local bool t_answeredHere = false;
+
+// Classes whose handlers act only on their object and on the requests parked
+// on it, never on the calling thread itself: their requests may be handled in
+// the calling thread.
+bool MayRunHere(uint16_t service) noexcept {
+  const unsigned index = ClassIndex(service);
+  return index == ClassIndex(CM_CLASS_MUTEX) || index == ClassIndex(CM_CLASS_BLOCK_POOL) ||
+         index == ClassIndex(CM_CLASS_BYTE_POOL);
+}
+
+// Runs a request's class handler in the calling thread, as the dispatcher
+// would. Returns whether the request was parked: it then has its reply pipe,
+// made before the lock is released, so no release can reach it sooner.
+// Otherwise it is finished: answered by its handler without a pipe, or, when
+// no pipe can be made for its wait, taken off its suspend list and the sleep
+// agent again and refused as CM_Request refuses it. S_sCmLock held.
+bool RunHereLocked(CmServiceRequest& request) noexcept {
+  StoreInSleepAgent(request, 0);
+  request.ai32ReplyPipe[0] = request.ai32ReplyPipe[1] = -1;
+  ThreadControlBlock* tcb = TcbOf(request.psThread);
+  const uint16_t state = tcb != nullptr ? LoadState(*tcb) : LX_STATE_READY;
+  t_handledHere = &request;
+  t_answeredHere = false;
+  Dispatch(request);
+  t_handledHere = nullptr;
+  if (!t_answeredHere) {
+    if (::pipe2(request.ai32ReplyPipe, O_CLOEXEC) == 0) return true;
+    request.ai32ReplyPipe[0] = request.ai32ReplyPipe[1] = -1;
+    if (SuspendCtrl* list = ParkedList(request)) {
+      CM_RemoveTargetFromSuspendListEx(list, &request.sSuspendNode, CM_REMOVE_UNLINK_ONLY, CM_STATUS_UNUSED);
+    }
+    if (LoadInSleepAgent(request) != 0) {
+      StoreInSleepAgent(request, 0);
+      SleepAgentRemoveRequest(&request);
+    }
+    if (tcb != nullptr) StoreState(*tcb, state);
+    request.u16Status = LX_NOT_AVAILABLE;
+  }
+  StoreService(request, 0);
+  return false;
+}
+
+// The timer-thread rule: a wait asked for by the timer thread is refused.
+// S_sCmLock held.
+bool RefuseTimerWaitLocked(CmServiceRequest& request) noexcept {
+  if (request.psThread != G_psTimer || LoadWaitOption(request) == LX_NO_WAIT) return false;
+  request.u16Status = LX_WAIT_ERROR;
+  SetThreadState(request.psThread, LX_STATE_READY);
+  return true;
+}
+
+// The first half of a request that may be handled here; returns whether it
+// must wait for its reply. With the list empty the dispatcher is between
+// passes (a pass holds the lock), so running the handler now is what it
+// would do next; a request that finds others queued waits its turn behind
+// them. Nothing in the section is a cancellation point except the pipe writes
+// (a hand-over's reply byte, the wake byte), which hold cancellation off
+// themselves, so the common case costs no change of the cancel state.
+bool StartHere(CmServiceRequest& request) {
+  NoSuspendSection section;
+  Enqueued enqueued = Enqueued::kRefused;
+  {
+    std::lock_guard lock(CmLock());
+    if (RefuseTimerWaitLocked(request)) return false;
+    if (S_psTop == nullptr) return RunHereLocked(request);
+    enqueued = EnqueueLocked(request);
+  }
+  if (enqueued == Enqueued::kWakeDispatcher) {
+    NoCancelScope noCancel;
+    WakeDispatcher();
+  }
+  return enqueued != Enqueued::kRefused;
+}
+
+// Both sides of a request. mayRunHere: the caller's own block, issued by an
+// interface service (CM_Request itself always queues).
+void RequestImpl(CmServiceRequest& request, bool mayRunHere) {
+  if (mayRunHere && MayRunHere(LoadService(request))) {
+    if (StartHere(request)) AwaitCompletion(request);
+    return;
+  }
   {
     SystemSection section;
     Enqueued enqueued = Enqueued::kRefused;
     {
       std::lock_guard lock(CmLock());
-      if (refuseTimerWaits && request.psThread == G_psTimer && LoadWaitOption(request) != LX_NO_WAIT) {
-        request.u16Status = LX_WAIT_ERROR;
-        SetThreadState(request.psThread, LX_STATE_READY);
-        return;
-      }
+      if (RefuseTimerWaitLocked(request)) return;
       enqueued = EnqueueLocked(request);
     }
     if (enqueued == Enqueued::kRefused) return;
@@ -166,6 +253,8 @@ static void AbandonRequest(void* argument) {
   ::close(request.ai32ReplyPipe[1]);
 }
 
+void IssueRequest(CmServiceRequest& request) { RequestImpl(request, true); }
+
 void AwaitCompletion(CmServiceRequest& request) {
   // The read is the one place a requester can be cancelled.
   pthread_cleanup_push(AbandonRequest, &request);
@@ -198,6 +287,15 @@ int32_t CM_WaitingSignalEx(int32_t i32Fd) {
 
 int32_t CM_WakeUpThread(CmServiceRequest* psRequest) {
   QV_TRACE2(request__completed, psRequest, psRequest->u16Status);
+  if (t_handledHere != nullptr) {  // a handler run by a requester itself
+    if (psRequest == t_handledHere) {  // its own request: no pipe
+      t_answeredHere = true;
+      return 0;
+    }
+    NoCancelScope noCancel;  // S_sCmLock is held
+    MoveOneByte(psRequest->ai32ReplyPipe[1], true);
+    return 0;
+  }
   MoveOneByte(psRequest->ai32ReplyPipe[1], true);
   return 0;
 }
@@ -228,7 +326,7 @@ void CM_Initial(void) {
 }
 
 void CM_Request(CmServiceRequest* psRequest) {
-  if (psRequest != nullptr) RequestImpl(*psRequest, true);
+  if (psRequest != nullptr) RequestImpl(*psRequest, false);
 }
 
 void CM_RequestAdd(CmServiceRequest* psRequest) {

@@ -132,6 +132,7 @@ void CM_WakeUpAllThreadInSuspendList(CmServiceRequest*, SuspendCtrl* psSuspendCt
   for (uint32_t i = 0; i < waiters; ++i) {
     SuspendNode* node = list.psFirstSuspend;
     if (node == nullptr) {
+      NoCancelScope noCancel;  // a requester running its own handler holds S_sCmLock here
       WriteAll(STDERR_FILENO, kShortList, sizeof kShortList - 1);
       break;
     }
