@@ -93,8 +93,8 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
     ASSERT_EQ(bare ? Issue(CM_THREAD_TERMINATE) : _lx_ThreadTerminate(&victim), LX_SUCCESS) << what;
     EXPECT_EQ(std::tuple(StateOf(victim), _lx_ThreadDelete(&victim)), std::tuple(LX_STATE_TERMINATED, LX_SUCCESS)) << what;
     Timer().RunPasses(6);  // no expiry of the dead wait may reach anybody
-    EXPECT_EQ(std::tuple(stage.exchange(0), S_i32ThreadPoolIndex, Waiting(mutex->sSuspendCtrl), SleepAgentEntries(), OpenDescriptorCount()),
-              std::tuple(1, pooled, 0, size_t{0}, descriptors)) << what;
+    EXPECT_EQ(std::tuple(stage.exchange(0), S_i32ThreadPoolIndex, Waiting(mutex->sSuspendCtrl), SleepAgentEntries()), std::tuple(1, pooled, 0, size_t{0})) << what;
+    EXPECT_LE(OpenDescriptorCount(), descriptors) << what;  // one open at the start may be a start-up line
   };
   for (uint32_t wait : {LX_WAIT_FOREVER, 500u}) {
     // The service aborts a dispatcher wait first; the thread is cancelled where it goes on to wait.
