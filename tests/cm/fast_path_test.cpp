@@ -137,8 +137,11 @@ TEST_F(FastPathTest, ServicesAndDispatcherRequestsAgreeForEveryClass) {
 TEST_F(FastPathTest, ARequestFindingOthersQueuedWaitsItsTurn) {
   LX_MUTEX mutex = nullptr;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "m", LX_NO_INHERIT), LX_SUCCESS);
+  static std::vector<uint64_t> recorded;  // class 0xF0 records each request's value
+  detail::ReplaceClassEntry(detail::ClassIndex(0xF0), {[](uint16_t, CmServiceRequest* r) {
+    recorded.push_back(r->u64Value), detail::CompleteLocked(*r, LX_SUCCESS); }, nullptr});
   CmServiceRequest queued{};
-  queued.u16Service = kTestRecord;
+  queued.u16Service = 0xF1;
   queued.u64Value = 7;
   {
     std::lock_guard lock(CmLock());  // queued, but the dispatcher is not woken yet
@@ -155,7 +158,7 @@ TEST_F(FastPathTest, ARequestFindingOthersQueuedWaitsItsTurn) {
   detail::AwaitCompletion(queued);
   EXPECT_EQ(Waiters::StatusOf(getter), LX_SUCCESS);
   EXPECT_EQ(Peek(mutex->psOwner), &getter.handle);
-  EXPECT_EQ([] { std::lock_guard lock(CmLock()); return RecordedValues(); }(), std::vector<uint64_t>{7});
+  EXPECT_EQ([] { std::lock_guard lock(CmLock()); return recorded; }(), std::vector<uint64_t>{7});
   EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);
 }
 

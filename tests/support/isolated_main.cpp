@@ -1,3 +1,5 @@
+// Every test program's main: enters the private namespaces (not when only listing the cases) and runs
+// the cases GoogleTest was asked for.
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -5,11 +7,7 @@
 #include "support/isolation.h"
 
 int main(int argc, char** argv) {
-  bool listing = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--gtest_list_tests", 18) == 0) listing = true;
-  }
-  if (!listing) quorvin::test::EnterIsolation();
+  if (argc < 2 || std::strncmp(argv[1], "--gtest_list_tests", 18) != 0) quorvin::test::EnterIsolation();
   ::testing::InitGoogleTest(&argc, argv);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   return RUN_ALL_TESTS();

@@ -4,8 +4,14 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <memory>
+#include <mutex>
+#include <semaphore>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,141 +24,154 @@ namespace quorvin::test {
 
 using namespace std::chrono_literals;
 
-// Empties the pid list and starts the core (the "Scheduler" entry and the
-// dispatcher) from the calling thread. Once per process.
-void BootCore();
+// Empties the pid list and starts the core (the "Scheduler" entry and the dispatcher); once per process.
+inline void BootCore() { static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true); (void)booted; }
 
 // Polls a condition until it holds or the time runs out.
-bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
-
-// Creates a kernel thread that runs body; the handle word must outlive it.
-LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body,
-                uint16_t priority = 32, uint16_t threshold = 0, uint16_t autoStart = 1);
-
-// Waits for a created thread's entry to have returned and its POSIX thread to
-// have ended (joins it).
-bool Join(LX_THREAD thread, std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
-
-// Reads a word that kernel threads change without a lock (a thread's state, a
-// request's wait option or sleep flag), atomically.
-template <typename T>
-T Peek(const T& word) {
-  return quorvin::detail::LoadRelaxed(word);
+inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (; !condition(); std::this_thread::sleep_for(1ms))
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  return true;
 }
+
+// Creates a kernel thread that runs body; the handle word must outlive it. The body belongs to the
+// thread's entry, so a thread cancelled inside it frees it as it unwinds.
+inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body, uint16_t priority = 32,
+                       uint16_t threshold = 0, uint16_t autoStart = 1) {
+  const LX_THREAD_ENTRY run = [](uint64_t input) -> void* {
+    return std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()(), nullptr;
+  };
+  auto* owned = new std::function<void()>(std::move(body));
+  const LX_STATUS status = _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0,
+                                            priority, threshold, 0, autoStart);
+  if (status != LX_SUCCESS) delete owned;
+  return status;
+}
+
+// Waits for a created thread's POSIX thread to have ended (joins it).
+inline bool Join(LX_THREAD thread, std::chrono::milliseconds limit = 10s) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline), deadline.tv_sec += static_cast<time_t>(limit.count() / 1000);
+  return pthread_timedjoin_np(thread->hThread, nullptr, &deadline) == 0;
+}
+
+// Reads a word that kernel threads change without a lock, atomically.
+template <typename T>
+T Peek(const T& word) { return quorvin::detail::LoadRelaxed(word); }
 inline uint16_t StateOf(LX_THREAD thread) { return Peek(thread->u16State); }
 
 // The calling thread's own request block (the thread must be in the pool).
-CmServiceRequest& OwnRequest();
+inline CmServiceRequest& OwnRequest() {
+  LX_THREAD* self = _lx_ThreadIdentify();
+  return self != nullptr && *self != nullptr ? (*self)->sRequest : (std::abort(), (*self)->sRequest);
+}
 
 // Issues a request from the calling thread's own block and returns its status.
-uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
-               uint64_t value = 0, uint64_t option = 0, void* data = nullptr);
+inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
+                      uint64_t value = 0, uint64_t option = 0, void* data = nullptr) {
+  CmServiceRequest& r = OwnRequest();
+  r.u16Service = service, r.psThread = _lx_ThreadIdentify(), r.pvObject = object, r.u32WaitOption = waitOption;
+  r.u64Value = value, r.u64Option = option, r.pvData = data;
+  CM_Request(&r);
+  return r.u16Status;
+}
 
-// Waiters on a suspend list (negative for receivers of a queue) and the handle
-// word of the first, read under the component-manager lock.
-int32_t Waiting(const SuspendCtrl& list);
-LX_THREAD* FirstWaiter(const SuspendCtrl& list);
+// Under the component-manager lock: the waiters on a suspend list (negative for receivers of a queue),
+// the handle word of the first, and the finite waits registered with the sleep agent.
+inline int32_t Waiting(const SuspendCtrl& list) { std::lock_guard lock(quorvin::detail::CmLock()); return list.i32SuspendCount; }
+inline LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
+}
+inline size_t SleepAgentEntries() {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  size_t n = 0;
+  for (auto* r = quorvin::detail::S_psSleepTop; r != nullptr; r = r->psSleepNext) ++n;
+  return n;
+}
 
-// The pid list's lines.
-std::vector<std::string> PidListLines();
+// The pid list's lines, and the number of open descriptors of the process.
+inline std::vector<std::string> PidListLines() {
+  std::vector<std::string> lines;
+  for (std::ifstream file(LX_PID_LIST_PATH); lines.emplace_back(), std::getline(file, lines.back());) {}
+  return lines.pop_back(), lines;
+}
+inline int OpenDescriptorCount() {
+  int count = -1;  // the listing's own descriptor
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
 
-// Number of open descriptors of the process.
-int OpenDescriptorCount();
-
-// The stand-in timer thread: a thread on the timer thread's handle word that
-// runs sleep-agent passes on command, so that time-outs advance tick by tick.
+// The stand-in timer thread: a thread on the timer thread's handle word that runs sleep-agent passes
+// (or any work) on command and returns when they are done, so that time-outs advance tick by tick.
 class StandInTimer {
  public:
-  StandInTimer();
-  // Runs n passes on the timer thread and returns when they are done.
-  void RunPasses(int n = 1);
-  // Runs a function on the timer thread and returns when it is done.
-  void Run(const std::function<void()>& work);
+  StandInTimer() {
+    EXPECT_EQ(Spawn(G_psTimer, "TimerISR", [this] { for (;; done_.release()) go_.acquire(), (*work_)(); }), LX_SUCCESS);
+  }
+  void RunPasses(int n = 1) { while (n-- > 0) Run(SleepAgentEx); }
+  void Run(const std::function<void()>& work) { work_ = &work, go_.release(), done_.acquire(); }
 
  private:
-  // Sends one command ('P': a pass, 'W': the work) and waits until it is done.
-  void Command(char command);
-  int commands_[2];
-  int done_[2];
-  std::function<void()> work_;
+  std::binary_semaphore go_{0}, done_{0};
+  const std::function<void()>* work_ = nullptr;
 };
 
-// The process's stand-in timer thread, made on first use and never destroyed
-// (its thread lives on with the process).
-StandInTimer& Timer();
+// The process's stand-in timer thread, made on first use and kept for the process's life.
+inline StandInTimer& Timer() { static StandInTimer* const timer = new StandInTimer; return *timer; }
 
 // Runs calls on the timer thread and returns the statuses they gave, in order.
 using Statuses = std::vector<LX_STATUS>;
-Statuses OnTimerThread(const std::function<Statuses()>& calls);
+inline Statuses OnTimerThread(const std::function<Statuses()>& calls) {
+  Statuses statuses;
+  return Timer().Run([&] { statuses = calls(); }), statuses;
+}
 
-// Finite waits registered with the sleep agent now.
-size_t SleepAgentEntries();
-
-// Kernel threads that each run one blocking call and keep its status; every
-// object class's tests start their waiters through it.
+// Kernel threads that each run one blocking call and keep its status; joined at the end.
 class Waiters {
  public:
+  static constexpr uint32_t kPending = 0xFFFFFFFFu;
   struct Waiter {
     LX_THREAD handle = nullptr;
     std::atomic<uint32_t> status{kPending};
     bool Done() const { return status.load() != kPending; }
   };
-  static constexpr uint32_t kPending = 0xFFFFFFFFu;
-
   Waiters() = default;
   Waiters(const Waiters&) = delete;
-  Waiters& operator=(const Waiters&) = delete;
   ~Waiters() { JoinAll(); }
 
-  // Starts a thread that runs call and keeps its result. When parked is
-  // given, returns only once parked() holds (the thread has begun to wait).
+  // Starts a thread that runs call; given parked, returns only once parked() holds (it began to wait).
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
-                const char* name = "waiter");
-  // Starts a thread that runs call and returns once it has joined the waiters on list.
-  Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32);
-  // The waiter's status once its call has returned (kPending if it never does
-  // within the limit).
-  static uint32_t StatusOf(const Waiter& waiter,
-                           std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
-  // Joins every thread started; a thread that does not end is a failure.
-  void JoinAll();
+                const char* name = "waiter") {
+    Waiter& w = waiters_.emplace_back();
+    EXPECT_EQ(Spawn(&w.handle, name, [&w, call = std::move(call)] { w.status = call(); }, priority), LX_SUCCESS);
+    EXPECT_TRUE(!parked || WaitUntil(parked)) << name << " never began to wait";
+    return w;
+  }
+  // Starts a thread that runs call; returns once it has joined the waiters on list.
+  Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32) {
+    const int32_t before = Waiting(list);
+    return Start(std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
+  }
+  // The waiter's status once its call has returned (kPending if not within the limit).
+  static uint32_t StatusOf(const Waiter& w, std::chrono::milliseconds limit = 10s) {
+    return WaitUntil([&] { return w.Done(); }, limit), w.status.load();
+  }
+  void JoinAll() {
+    for (Waiter& w : waiters_) EXPECT_TRUE(w.handle == nullptr || Join(w.handle)) << "a waiter never ended";
+    waiters_.clear();
+  }
 
  private:
   std::deque<Waiter> waiters_;
 };
-
 using Waiter = Waiters::Waiter;
 
-// A test-only object class on the otherwise unused class 0x40, built from the
-// suspend-list operations the way every object class is.
-struct TestObject {
-  SuspendCtrl sSuspendCtrl{};
-  uint32_t u32Available = 0;
-};
-
-inline constexpr uint16_t kTestClass = 0x40;
-inline constexpr uint16_t kTestTake = 0x41;       // take one unit or wait (flags 1, or
-                                                  // u64Option = kTestFlagsGiven | flags)
-inline constexpr uint64_t kTestFlagsGiven = 0x100;
-inline constexpr uint16_t kTestGive = 0x42;       // give one unit to the first waiter or the object
-inline constexpr uint16_t kTestReleaseAll = 0x43; // release every waiter with status u64Value
-inline constexpr uint16_t kTestRemove = 0x44;     // remove node pvData, mode u64Option, status u64Value
-inline constexpr uint16_t kTestMoveToFront = 0x45; // unlink node pvData (mode 0), add again with flags 3
-inline constexpr uint16_t kTestRecord = 0x46;     // append u64Value to RecordedValues(), complete
-inline constexpr uint16_t kTestTimeoutStatus = LX_NO_INSTANCE;
-
-// Values recorded by kTestRecord requests, and the handles of waiters ended by
-// the class's wake-up (time-out or abort), in the order the dispatcher served them.
-std::vector<uint64_t>& RecordedValues();
-
-// Installs the test class in the dispatcher.
-void InstallTestClass();
-
-// Fixture: isolation required, core booted, test class installed.
+// Fixture: isolation required, core booted.
 class KernelTest : public ::testing::Test {
  protected:
-  void SetUp() override;
+  void SetUp() override { QUORVIN_REQUIRE_ISOLATION(); BootCore(); }
 };
 
 }  // namespace quorvin::test
