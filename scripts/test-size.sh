@@ -9,6 +9,7 @@
 #   scripts/test-size.sh            prints both counts and the ratio
 #   scripts/test-size.sh --check    also fails when the ratio is above 0.40
 #                                   (QUORVIN_TEST_RATIO_MAX overrides it)
+#   scripts/test-size.sh --files    also lists each test file's count
 #
 # C and C++ files lose their // and /* */ comments; shell, CMake, Python,
 # awk and bpftrace files lose the lines that start with #.
@@ -75,6 +76,9 @@ ratio=$(awk -v t="$test_lines" -v l="$lib_lines" 'BEGIN { printf "%.3f", l ? t /
 echo "library:   $lib_lines lines (${#library[@]} files)"
 echo "test code: $test_lines lines (${#tests[@]} files)"
 echo "ratio:     $ratio (at most $max)"
+if [[ ${1:-} == --files ]]; then
+  for f in "${tests[@]}"; do printf '%6d  %s\n' "$(count "$f")" "$f"; done | sort -rn
+fi
 if [[ ${1:-} == --check ]] && awk -v r="$ratio" -v m="$max" 'BEGIN { exit !(r > m) }'; then
   echo "test-size.sh: the test code is more than $max of the library" >&2
   exit 1
