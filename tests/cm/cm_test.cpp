@@ -64,14 +64,16 @@ TEST_F(KernelTest, WaitsOfNTicksEndAfterPassNPlusOneInRegistrationOrderAndAMoved
   Timer().RunPasses(2);
   ASSERT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
   EXPECT_EQ(FirstWaiter(mutex->sSuspendCtrl), &c.handle);
-  EXPECT_EQ(passesUntil(a), 1);
+  EXPECT_EQ(passesUntil(a), 1);  // a and b leave the middle and the end of the list
+  EXPECT_EQ(Listed(mutex->sSuspendCtrl), (std::vector<LX_THREAD*>{&c.handle, &f.handle, &forever.handle}));
   EXPECT_EQ(Locked(g_expired), (std::vector<LX_THREAD*>{&a.handle, &b.handle}));
   EXPECT_EQ(std::tuple(Waiters::StatusOf(a), Waiters::StatusOf(b)), std::tuple(LX_NOT_AVAILABLE, LX_NOT_AVAILABLE));
   EXPECT_EQ(passesUntil(c), 2);  // registered with 4: the 5th pass, though moved to the front
+  EXPECT_EQ(passesUntil(park(1)), 2);  // registered after the last registered wait ended
   EXPECT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
   EXPECT_EQ(Waiters::StatusOf(f), LX_SUCCESS);  // handed over in arrival order; never expires then
   Timer().RunPasses(20);
-  EXPECT_EQ(std::tuple(Locked(g_expired).size(), SleepAgentEntries(), StateOf(forever.handle)), std::tuple(3u, 0u, LX_STATE_MUTEX_WAIT));
+  EXPECT_EQ(std::tuple(Locked(g_expired).size(), SleepAgentEntries(), StateOf(forever.handle)), std::tuple(4u, 0u, LX_STATE_MUTEX_WAIT));
   EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);  // releases the last
 }
 

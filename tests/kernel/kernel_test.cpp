@@ -60,7 +60,11 @@ struct Child {
   int out = ::memfd_create("out", 0), err = ::memfd_create("err", 0), status = 0;
   pid_t pid = 0;
 };
-struct Observed { std::atomic<int> timerFires, waitStatus; std::atomic<bool> ready; };
+struct Observed {
+  std::atomic<int> timerFires, waitStatus, told;
+  std::atomic<uint32_t> state;
+  std::atomic<bool> ready;
+};
 Observed& Shared() {  // mapped before the children are forked
   static Observed& seen = *new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
   return seen;
@@ -84,6 +88,7 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
       Spawn(&checker, "checker", [] {
         WaitUntil([] { return Shared().timerFires >= 3 && Peek(mutex->psOwner) == &idle; });
         Shared().waitStatus = _lx_MutexGet(&mutex, 5);
+        Shared().state = Peek(_lx_thread_system_state);  // start-up has ended
         WaitUntil(TickThreadStarted), std::fflush(nullptr), ::_exit(0);
       });
     });
@@ -91,13 +96,14 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
   ASSERT_TRUE(child.Wait()) << child.Text(child.out) << child.Text(child.err);
   EXPECT_TRUE(child.ExitedWith(0)) << child.Text(child.err);
   EXPECT_EQ(child.Text(child.out), "IPMI initial costs 2 seconds, 500000000 nanoseconds\n");
-  EXPECT_EQ(Shared().waitStatus, LX_NOT_AVAILABLE);
+  EXPECT_EQ(std::tuple(Shared().waitStatus.load(), Shared().state.load()), std::tuple(LX_NOT_AVAILABLE, 0u));
   using testing::MatchesRegex;  // one line per thread with its kernel id; nothing stale
   EXPECT_THAT(PidListLines(), testing::UnorderedElementsAre(MatchesRegex("Name: CMRH, pid:[0-9]+"), MatchesRegex("Name: TimerISR, pid:[0-9]+"),
       MatchesRegex("Name: idle, pid:[0-9]+"), MatchesRegex("Name: checker, pid:[0-9]+"), "Name: SoftTimer, pid:" + std::to_string(child.pid)));
 }
 
-// SIGQUIT exits with status 0 at once, flushing what is buffered; fault signals write a backtrace
+// SIGQUIT tells the registered thread (exit id 1, then SIGTERM) and exits with status 0, flushing what is
+// buffered; fault signals write a backtrace
 // ("...[0x...]" frame lines) and end the process by the signal, SIGSEGV and SIGBUS left to their default.
 // ThreadSanitizer reports the exit() inside the signal handler as a signal-unsafe call.
 TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal) {
@@ -115,8 +121,10 @@ TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal
       for (const int fault : {SIGSEGV, SIGBUS}) ::signal(fault, SIG_DFL);  // a sanitizer takes these
       _lx_initialize_kernel_enter(nullptr, nullptr, [] {
         std::thread([] {
+          g_zloop_thread_id = ::pthread_self();
+          ::signal(SIGTERM, [](int) { Shared().told = Peek(g_zloop_exit_id); });
           WaitUntil(TickThreadStarted), std::printf("still buffered"), Shared().ready = true;
-          if (raised != SIGQUIT) ::raise(raised);
+          for (::raise(raised == SIGQUIT ? 0 : raised);;) ::pause();  // SIGQUIT: stays to be told
         }).detach();
       });
     });
@@ -127,7 +135,10 @@ TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal
     const std::string err = child.Text(child.err);
     int frames = 0;
     for (size_t at = 0; (at = err.find("[0x", at)) != std::string::npos; ++at) ++frames;
-    if (signal == SIGQUIT) EXPECT_TRUE(child.ExitedWith(0) && child.Text(child.out).ends_with(" nanoseconds\nstill buffered")) << err;
+    if (signal == SIGQUIT) {
+      EXPECT_TRUE(child.ExitedWith(0) && child.Text(child.out).ends_with(" nanoseconds\nstill buffered")) << err;
+      EXPECT_EQ(Shared().told, 1);
+    }
     else EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == signal && (frames >= 3) == (signal != SIGSEGV && signal != SIGBUS)) << strsignal(signal) << ":\n" << err;
   }
 }

@@ -84,6 +84,15 @@ inline LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
   std::lock_guard lock(quorvin::detail::CmLock());
   return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
 }
+// The waiters on a suspend list in release order; empty if the backward links do not mirror the forward ones.
+inline std::vector<LX_THREAD*> Listed(const SuspendCtrl& list) {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  std::vector<LX_THREAD*> forward, backward;
+  for (auto* n = list.psFirstSuspend; n != nullptr && forward.size() < 64; n = n->psNext) forward.push_back(n->psOwner);
+  for (auto* n = list.psLastSuspend; n != nullptr && backward.size() < 64; n = n->psPrev)
+    backward.insert(backward.begin(), n->psOwner);
+  return forward == backward ? forward : std::vector<LX_THREAD*>{};
+}
 inline size_t SleepAgentEntries() {
   std::lock_guard lock(quorvin::detail::CmLock());
   size_t n = 0;

@@ -16,7 +16,7 @@ LX_THREAD const kUntouched = reinterpret_cast<LX_THREAD>(0x5a5a);
 // Each row also fails every later check; a registered handle is found before the entry is checked.
 TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49) {
   static LX_THREAD registered = nullptr, fresh = nullptr, handles[49] = {};
-  ASSERT_EQ(Spawn(&registered, "registered", [] {}, 32, 0, 0), LX_SUCCESS);
+  ASSERT_EQ(Spawn(&registered, "registered", [] {}, 20, 0, 0), LX_SUCCESS);
   const int32_t count = S_i32ThreadPoolIndex;
   for (auto [handle, entry, priority, threshold, start, status] :
        {std::tuple{&fresh, &Noop, 5, 6, 1, LX_THRESH_ERROR}, {&fresh, nullptr, 5, 6, 1, LX_PTR_ERROR}, {&registered, nullptr, 5, 6, 1, LX_THREAD_ERROR},
@@ -33,6 +33,10 @@ TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49
     EXPECT_EQ(_lx_ThreadPriorityChange(handle, value, output), priority) << value;
     EXPECT_EQ(_lx_ThreadPreemptionChange(handle, value, output), threshold) << value;
   }
+  // A thread made at 20 runs at the normal Linux priority, which only 32 maps to; the new one is kept.
+  ASSERT_EQ(_lx_ThreadPriorityChange(&registered, 32, &old), LX_SUCCESS);
+  EXPECT_EQ(std::tuple(old, Peek(registered->u16Priority)), std::tuple(32, 32));
+  EXPECT_EQ(_lx_ThreadPriorityChange(&registered, 20, &old), LX_CALLER_ERROR);
   for (int i = 0; S_i32ThreadPoolIndex < 49; ++i) ASSERT_EQ(_lx_ThreadCreate(&handles[i], "p", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
   EXPECT_EQ(_lx_ThreadCreate(&fresh, "one too many", Noop, 0, nullptr, 0, 32, 0, 0, 1), LX_THREAD_ERROR);
   EXPECT_TRUE(S_i32ThreadPoolIndex == 49 && fresh == kUntouched);
@@ -117,14 +121,16 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
 // Terminate resumes a suspended thread so that it ends; an ended one must be terminated before delete.
 TEST_F(ThreadTest, SuspendedUnstartedAndEndedThreadsAreTerminatedAndDeleted) {
   static LX_THREAD unstarted = nullptr, finished = nullptr, quitter = nullptr, held = nullptr;
-  static std::atomic<bool> ended{false}, inside{false};
+  static std::atomic<bool> ended{false};
   ASSERT_EQ(_lx_ThreadCreate(&unstarted, "unstarted", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
   ASSERT_EQ(Spawn(&finished, "finished", [] { ended = true; }), LX_SUCCESS);
   ASSERT_EQ(Spawn(&quitter, "quitter", [] { _lx_ThreadTerminate(&quitter); }), LX_SUCCESS);
-  ASSERT_EQ(Spawn(&held, "held", [] { for (inside = true;;) ::pause(); }), LX_SUCCESS);
-  ASSERT_TRUE(WaitUntil([] { return ended && inside && StateOf(unstarted) == LX_STATE_SUSPENDED && StateOf(quitter) == LX_STATE_TERMINATED; }));
+  static std::atomic<int> heldRounds{0};
+  ASSERT_EQ(Spawn(&held, "held", [] { for (;; ::usleep(1000)) ++heldRounds; }), LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([] { return ended && heldRounds > 0 && StateOf(unstarted) == LX_STATE_SUSPENDED && StateOf(quitter) == LX_STATE_TERMINATED; }));
   std::this_thread::sleep_for(100ms);  // the finished one's Linux thread has ended
   ASSERT_EQ(_lx_ThreadSuspend(&held), LX_SUCCESS);
+  for (int seen = -1; seen != heldRounds;) seen = heldRounds, std::this_thread::sleep_for(50ms);  // it has stopped
   EXPECT_EQ(std::tuple(StateOf(held), _lx_ThreadDelete(&finished)), std::tuple(LX_STATE_SUSPENDED, LX_DELETE_ERROR));  // ended, never terminated
   for (LX_THREAD* thread : {&unstarted, &finished, &held}) EXPECT_EQ(_lx_ThreadTerminate(thread), LX_SUCCESS);
   for (LX_THREAD* thread : {&unstarted, &finished, &quitter, &held}) EXPECT_EQ(_lx_ThreadDelete(thread), LX_SUCCESS);
