@@ -23,6 +23,7 @@ test_packages=(
   gcovr                                  # scripts/coverage.sh
   g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user   # the arm64 build and its tests
   systemtap-sdt-dev gdb gdb-multiarch bpftrace                 # tracepoints and the debugger tests
+  clang-format                                                 # scripts/test-size.sh counts code as it lays it out
 )
 
 case ${1:-} in
