@@ -4,8 +4,10 @@
 # the tracepoints (bench/build, as all.sh builds it) and against one built
 # without them (bench/build-notrace, -DQUORVIN_TRACEPOINTS=OFF). The benchmark
 # programs are the same both times; LD_LIBRARY_PATH picks the library. Each
-# figure is the median of its rounds on each side; the target is a ratio
-# within 2 % of 1.
+# program runs against both libraries back to back. The ratio of a figure is
+# the median, over the rounds, of its with/without ratio within a round; the
+# target is a ratio within 2 % of 1. The medians of each side and the
+# smallest and largest paired ratio are printed with it.
 #
 #   bench/tracepoints.sh [rounds]      (default 3; each round runs both sides)
 set -eu
@@ -15,7 +17,7 @@ source_dir=$(cd "$here/.." && pwd)
 with=${QUORVIN_BENCH_BUILD_DIR:-$here/build}
 without=$here/build-notrace
 rounds=${1:-3}
-targets="request_bench sync_bench queue_bench tick_bench mutex_bench thread_memory_bench"
+targets="request_bench sync_bench queue_bench tick_bench mutex_bench fast_path_bench thread_memory_bench"
 
 configure() {  # configure <dir> <tracepoints ON|OFF>
   cmake -S "$source_dir" -B "$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVIN_TRACEPOINTS="$2" \
@@ -39,32 +41,36 @@ if unshare -m true 2>/dev/null; then
 else
   isolate() { "$@"; }
 fi
-run_side() {  # run_side <label> <library dir>: every program once, pinned as all.sh pins it
+one() {  # one <side> <library dir> <command...>: a program once, its RESULT lines kept
   side=$1 library=$2
-  one() {
-    isolate env LD_LIBRARY_PATH="$library" "$@" >"$logs/last.log" 2>&1 || echo "tracepoints.sh: $* failed" >&2
-    awk -v side="$side" '/^RESULT\t/ { print side "\t" $0 }' "$logs/last.log" >>"$logs/results.tsv"
-  }
-  one "$bin/request_bench"
-  one "$bin/sync_bench" --cpu=0
-  one taskset -c 0 "$bin/queue_bench" 200000 latency
-  one "$bin/queue_bench" 200000 throughput
-  one "$bin/mutex_bench" 3
-  one taskset -c 0 "$bin/tick_bench"
-  one "$bin/thread_memory_bench" 40
+  shift 2
+  isolate env LD_LIBRARY_PATH="$library" "$@" >"$logs/last.log" 2>&1 || echo "tracepoints.sh: $* failed" >&2
+  awk -v side="$side" -v round="$i" '/^RESULT\t/ { print side "\t" $0 "\t" round }' "$logs/last.log" >>"$logs/results.tsv"
+}
+pair() {  # pair <command...>: the program against both libraries, back to back
+  # Each side goes first in every other round, so that what running first or
+  # second does to a figure (a warm cache, a cooler CPU) falls on both; the
+  # two runs of a pair are seconds apart, so a change in the machine's load
+  # between them is rarer than between whole sides.
+  if [ $((i % 2)) -eq 1 ]; then
+    one with "$with" "$@" && one without "$without" "$@"
+  else
+    one without "$without" "$@" && one with "$with" "$@"
+  fi
 }
 i=1
 while [ "$i" -le "$rounds" ]; do
   echo "round $i of $rounds" >&2
-  # Each side goes first in every other round, so that what running first or
-  # second does to a figure (a warm cache, a cooler CPU) falls on both.
-  if [ $((i % 2)) -eq 1 ]; then
-    run_side with "$with"
-    run_side without "$without"
-  else
-    run_side without "$without"
-    run_side with "$with"
-  fi
+  pair "$bin/request_bench"
+  pair "$bin/sync_bench" --cpu=0
+  pair taskset -c 0 "$bin/queue_bench" 200000 latency
+  pair "$bin/queue_bench" 200000 throughput
+  pair "$bin/mutex_bench" 3
+  pair taskset -c 0 "$bin/fast_path_bench" latency
+  pair "$bin/fast_path_bench" throughput
+  pair taskset -c 0 "$bin/fast_path_bench" handover
+  pair taskset -c 0 "$bin/tick_bench"
+  pair "$bin/thread_memory_bench" 40
   i=$((i + 1))
 done
 
@@ -76,12 +82,17 @@ awk -F '\t' '
     return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2
   }
   !($3 in unit) { order[++count] = $3 }
-  { unit[$3] = $5; values[$1, $3] = values[$1, $3] " " $4 }
+  { unit[$3] = $5; values[$1, $3] = values[$1, $3] " " $4; value[$1, $3, $NF] = $4; rounds[$NF] = 1 }
   END {
-    printf "%-46s %14s %14s %8s  %s\n", "figure", "with probes", "without", "ratio", "within 2 %"
+    printf "%-46s %12s %12s %8s %17s  %s\n", "figure", "with probes", "without", "ratio", "pairs (min-max)", "within 2 %"
     for (k = 1; k <= count; k++) {
-      f = order[k]; w = median(values["with", f]); o = median(values["without", f])
-      r = o != 0 ? w / o : 1
-      printf "%-46s %14.4g %14.4g %8.4f  %s  %s\n", f, w, o, r, (r >= 0.98 && r <= 1.02) ? "yes" : "NO", unit[f]
+      f = order[k]; w = median(values["with", f]); o = median(values["without", f]); ratios = ""
+      lo = 1e9; hi = 0
+      for (r in rounds) if (value["without", f, r] + 0 != 0 && ((("with", f, r) in value))) {
+        q = value["with", f, r] / value["without", f, r]; ratios = ratios " " q
+        if (q < lo) lo = q; if (q > hi) hi = q
+      }
+      m = ratios != "" ? median(ratios) : 1
+      printf "%-46s %12.4g %12.4g %8.4f %8.3f-%-8.3f  %s  %s\n", f, w, o, m, lo, hi, (m >= 0.98 && m <= 1.02) ? "yes" : "NO", unit[f]
     }
   }' "$logs/results.tsv"

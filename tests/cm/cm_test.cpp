@@ -17,13 +17,19 @@ using namespace quorvin::detail;
 std::vector<uint64_t> g_served;
 std::vector<LX_THREAD*> g_expired;
 template <typename T>
-T Locked(const T& value) { return std::lock_guard(CmLock()), value; }
+T Locked(const T& value) {
+  return std::lock_guard(CmLock()), value;
+}
 
 TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeaveNothingBehind) {
-  ReplaceClassEntry(ClassIndex(0xF0), {[](uint16_t, CmServiceRequest* r) { g_served.push_back(r->u64Value), CompleteLocked(*r, LX_SUCCESS); }, nullptr});
+  ReplaceClassEntry(ClassIndex(0xF0), {[](uint16_t, CmServiceRequest* r) {
+                                         g_served.push_back(r->u64Value), CompleteLocked(*r, LX_SUCCESS);
+                                       },
+                                       nullptr});
   Issue(0x90);  // settles any descriptor opened on first use
   const int descriptors = OpenDescriptorCount();
-  for (uint16_t code : {0x00, 0x02, 0x0F, 0x40, 0x4F, 0x90, 0xA3, 0xFFFF}) EXPECT_EQ(Issue(code), LX_NOT_AVAILABLE) << code;
+  for (uint16_t code : {0x00, 0x02, 0x0F, 0x40, 0x4F, 0x90, 0xA3, 0xFFFF})
+    EXPECT_EQ(Issue(code), LX_NOT_AVAILABLE) << code;
   CmServiceRequest finished{};  // an expiry captured after its request was released
   finished.u16Status = 1234;
   EXPECT_EQ(Issue(CM_OP_TIMEOUT, &finished), LX_NOT_AVAILABLE);
@@ -32,9 +38,12 @@ TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeav
   LX_THREAD handles[kThreads] = {};
   std::atomic<int> wrong = 0;
   for (uint64_t t = 0; t < kThreads; ++t)
-    ASSERT_EQ(Spawn(&handles[t], "requester", [&wrong, t] {
-      for (uint64_t i = 0; i < kEach; ++i) wrong += Issue(0xF1, nullptr, LX_NO_WAIT, t << 32 | i) != LX_SUCCESS || OwnRequest().u16Service;
-    }), LX_SUCCESS);
+    ASSERT_EQ(Spawn(&handles[t], "requester",
+                    [&wrong, t] {
+                      for (uint64_t i = 0; i < kEach; ++i)
+                        wrong += Issue(0xF1, nullptr, LX_NO_WAIT, t << 32 | i) != LX_SUCCESS || OwnRequest().u16Service;
+                    }),
+              LX_SUCCESS);
   for (LX_THREAD handle : handles) ASSERT_TRUE(Join(handle, 60s));
   int wakeBytes = -1;
   ::ioctl(S_i32CmPIPE[0], FIONREAD, &wakeBytes);
@@ -46,20 +55,25 @@ TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeav
 }
 
 TEST_F(KernelTest, WaitsOfNTicksEndAfterPassNPlusOneInRegistrationOrderAndAMovedOneKeepsItsTicks) {
-  ReplaceClassEntry(ClassIndex(CM_MUTEX_GET), {&CM_MutexFunction, [](CmServiceRequest* r) { g_expired.push_back(r->psTarget), CM_MutexWakeUp(r); }});
+  ReplaceClassEntry(ClassIndex(CM_MUTEX_GET), {&CM_MutexFunction, [](CmServiceRequest* r) {
+                                                 g_expired.push_back(r->psTarget), CM_MutexWakeUp(r);
+                                               }});
   LX_MUTEX mutex = nullptr;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "m", LX_NO_INHERIT), LX_SUCCESS);
   ASSERT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_SUCCESS);
   Waiters waiters;
   const auto park = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& {
-    return waiters.StartOn(mutex->sSuspendCtrl, [&mutex, wait] { return _lx_MutexGet(&mutex, wait); }, priority);
+    return waiters.StartOn(
+        mutex->sSuspendCtrl, [&mutex, wait] { return _lx_MutexGet(&mutex, wait); }, priority);
   };
   const auto passesUntil = [](const Waiter& w) {  // the pass after which the wait has ended
-    for (int pass = 1; pass <= 10; ++pass) if (Timer().RunPasses(), StateOf(w.handle) == LX_STATE_READY) return pass;
+    for (int pass = 1; pass <= 10; ++pass)
+      if (Timer().RunPasses(), StateOf(w.handle) == LX_STATE_READY) return pass;
     return 0;
   };
   Waiter &f = park(20), &forever = park(LX_WAIT_FOREVER), &a = park(2), &b = park(2), &c = park(4, 10);
-  EXPECT_EQ(OnTimerThread([&] { return Statuses{Issue(CM_MUTEX_GET, &mutex, 5)}; }), Statuses{LX_WAIT_ERROR});  // would wait
+  EXPECT_EQ(OnTimerThread([&] { return Statuses{Issue(CM_MUTEX_GET, &mutex, 5)}; }),
+            Statuses{LX_WAIT_ERROR});  // would wait
   EXPECT_EQ(SleepAgentEntries(), 4u);
   Timer().RunPasses(2);
   ASSERT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
@@ -68,12 +82,13 @@ TEST_F(KernelTest, WaitsOfNTicksEndAfterPassNPlusOneInRegistrationOrderAndAMoved
   EXPECT_EQ(Listed(mutex->sSuspendCtrl), (std::vector<LX_THREAD*>{&c.handle, &f.handle, &forever.handle}));
   EXPECT_EQ(Locked(g_expired), (std::vector<LX_THREAD*>{&a.handle, &b.handle}));
   EXPECT_EQ(std::tuple(Waiters::StatusOf(a), Waiters::StatusOf(b)), std::tuple(LX_NOT_AVAILABLE, LX_NOT_AVAILABLE));
-  EXPECT_EQ(passesUntil(c), 2);  // registered with 4: the 5th pass, though moved to the front
+  EXPECT_EQ(passesUntil(c), 2);        // registered with 4: the 5th pass, though moved to the front
   EXPECT_EQ(passesUntil(park(1)), 2);  // registered after the last registered wait ended
   EXPECT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);
   EXPECT_EQ(Waiters::StatusOf(f), LX_SUCCESS);  // handed over in arrival order; never expires then
   Timer().RunPasses(20);
-  EXPECT_EQ(std::tuple(Locked(g_expired).size(), SleepAgentEntries(), StateOf(forever.handle)), std::tuple(4u, 0u, LX_STATE_MUTEX_WAIT));
+  EXPECT_EQ(std::tuple(Locked(g_expired).size(), SleepAgentEntries(), StateOf(forever.handle)),
+            std::tuple(4u, 0u, LX_STATE_MUTEX_WAIT));
   EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);  // releases the last
 }
 

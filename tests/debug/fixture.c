@@ -3,10 +3,9 @@
  * only block of pool "empty" ("hungry" waits for it) and fills a dispatcher
  * queue of one message ("sender" waits to send). Then it calls
  * fixture_ready(), where the tests stop it, and, given "abort", aborts. */
+#include <quorvin/quorvin.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <quorvin/quorvin.h>
 
 static LX_THREAD s_owner, s_first, s_timed, s_hungry, s_sender;
 static LX_MUTEX s_guard;

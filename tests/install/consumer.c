@@ -1,8 +1,7 @@
 /* An application outside the quorvin tree: it includes the installed headers, links the installed
  * libquorvin and calls into it. main() is not a kernel thread, so the kernel has no thread block for it. */
-#include <stdio.h>
-
 #include <quorvin/quorvin.h>
+#include <stdio.h>
 
 int main(void) {
   LX_THREAD* self = _lx_ThreadIdentify();

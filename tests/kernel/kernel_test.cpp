@@ -2,11 +2,10 @@
 // returns, SIGQUIT and the fault signals, each in a forked child. CLOCK_REALTIME is faked on demand
 // (the library is linked in statically).
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-
-#include <gmock/gmock.h>
 
 #include "kernel/deadline.h"
 #include "kernel/platform.h"
@@ -38,7 +37,8 @@ TEST(KernelTest, PidListLinesAreCutAt1023AndDeadlinesCarryOnce) {
   SaveLogFile(LX_PID_LIST_PATH, "%s", std::string(1500, 'x').c_str());
   EXPECT_EQ(PidListLines(), (std::vector<std::string>{"Name: worker, pid:42", std::string(1023, 'x')}));
   EXPECT_EQ(OpenDescriptorCount(), descriptors);
-  for (auto [ns, ticks, wantS, wantNs] : {std::tuple{600'000'000L, 50u, 101, 100'000'000L}, {999'999'999L, 99u, 101, 989'999'999L},
+  for (auto [ns, ticks, wantS, wantNs] : {std::tuple{600'000'000L, 50u, 101, 100'000'000L},
+                                          {999'999'999L, 99u, 101, 989'999'999L},
                                           {5L, 0xFFFFFFFEu, 42949772, 940'000'005L}}) {
     const timespec deadline = DeadlineAfter(timespec{100, ns}, ticks);
     EXPECT_EQ(std::tuple(deadline.tv_sec, deadline.tv_nsec), std::tuple(wantS, wantNs)) << ticks;
@@ -55,7 +55,10 @@ struct Child {
     if (WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 20s)) return true;
     return ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0), false;
   }
-  std::string Text(int fd) const { std::string text(1 << 16, '\0'); return text.substr(0, std::max<ssize_t>(0, ::pread(fd, text.data(), text.size(), 0))); }
+  std::string Text(int fd) const {
+    std::string text(1 << 16, '\0');
+    return text.substr(0, std::max<ssize_t>(0, ::pread(fd, text.data(), text.size(), 0)));
+  }
   bool ExitedWith(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code && Text(err).empty(); }
   int out = ::memfd_create("out", 0), err = ::memfd_create("err", 0), status = 0;
   pid_t pid = 0;
@@ -66,7 +69,8 @@ struct Observed {
   std::atomic<bool> ready;
 };
 Observed& Shared() {  // mapped before the children are forked
-  static Observed& seen = *new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
+  static Observed& seen =
+      *new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
   return seen;
 }
 bool TickThreadStarted() { return testing::Value(PidListLines(), testing::Contains(StartsWith("Name: SoftTimer,"))); }
@@ -82,9 +86,12 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
       static LX_TIMER beat;
       static LX_THREAD idle, checker;
       static LX_MUTEX mutex = nullptr;
-      _lx_TimerCreate(&beat, "beat", [](uint32_t) { ++Shared().timerFires; }, 0, 2, 2, 1);
+      _lx_TimerCreate(
+          &beat, "beat", [](uint32_t) { ++Shared().timerFires; }, 0, 2, 2, 1);
       _lx_MutexCreate(&mutex, "m", 0);
-      Spawn(&idle, "idle", [] { for (_lx_MutexGet(&mutex, LX_NO_WAIT);;) ::pause(); });
+      Spawn(&idle, "idle", [] {
+        for (_lx_MutexGet(&mutex, LX_NO_WAIT);;) ::pause();
+      });
       Spawn(&checker, "checker", [] {
         WaitUntil([] { return Shared().timerFires >= 3 && Peek(mutex->psOwner) == &idle; });
         Shared().waitStatus = _lx_MutexGet(&mutex, 5);
@@ -98,8 +105,10 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
   EXPECT_EQ(child.Text(child.out), "IPMI initial costs 2 seconds, 500000000 nanoseconds\n");
   EXPECT_EQ(std::tuple(Shared().waitStatus.load(), Shared().state.load()), std::tuple(LX_NOT_AVAILABLE, 0u));
   using testing::MatchesRegex;  // one line per thread with its kernel id; nothing stale
-  EXPECT_THAT(PidListLines(), testing::UnorderedElementsAre(MatchesRegex("Name: CMRH, pid:[0-9]+"), MatchesRegex("Name: TimerISR, pid:[0-9]+"),
-      MatchesRegex("Name: idle, pid:[0-9]+"), MatchesRegex("Name: checker, pid:[0-9]+"), "Name: SoftTimer, pid:" + std::to_string(child.pid)));
+  EXPECT_THAT(PidListLines(), testing::UnorderedElementsAre(
+                                  MatchesRegex("Name: CMRH, pid:[0-9]+"), MatchesRegex("Name: TimerISR, pid:[0-9]+"),
+                                  MatchesRegex("Name: idle, pid:[0-9]+"), MatchesRegex("Name: checker, pid:[0-9]+"),
+                                  "Name: SoftTimer, pid:" + std::to_string(child.pid)));
 }
 
 // SIGQUIT tells the registered thread (exit id 1, then SIGTERM) and exits with status 0, flushing what is
@@ -138,8 +147,11 @@ TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal
     if (signal == SIGQUIT) {
       EXPECT_TRUE(child.ExitedWith(0) && child.Text(child.out).ends_with(" nanoseconds\nstill buffered")) << err;
       EXPECT_EQ(Shared().told, 1);
-    }
-    else EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == signal && (frames >= 3) == (signal != SIGSEGV && signal != SIGBUS)) << strsignal(signal) << ":\n" << err;
+    } else
+      EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == signal &&
+                  (frames >= 3) == (signal != SIGSEGV && signal != SIGBUS))
+          << strsignal(signal) << ":\n"
+          << err;
   }
 }
 

@@ -1,8 +1,8 @@
 // Every test program's main: enters the private namespaces (not when only listing the cases) and runs
 // the cases GoogleTest was asked for.
-#include <cstring>
-
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include "support/isolation.h"
 

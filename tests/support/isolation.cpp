@@ -17,15 +17,18 @@ namespace quorvin::test {
 namespace {
 
 std::string g_problem = "not attempted";
-bool Write(const char* path, const std::string& text) { return static_cast<bool>(std::ofstream(path) << text << std::flush); }
+bool Write(const char* path, const std::string& text) {
+  return static_cast<bool>(std::ofstream(path) << text << std::flush);
+}
 
 // Enters the namespaces; the text of the first step that failed, or "".
 std::string Enter() {
   const uid_t uid = ::geteuid(), gid = ::getegid();
   // As root the mount and IPC namespaces suffice; otherwise a user namespace maps us to root.
   if (::unshare(CLONE_NEWNS | CLONE_NEWIPC | (uid == 0 ? 0 : CLONE_NEWUSER)) != 0) return "unshare";
-  if (uid != 0 && (Write("/proc/self/setgroups", "deny"), !Write("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n") ||
-                   !Write("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n")))
+  if (uid != 0 &&
+      (Write("/proc/self/setgroups", "deny"), !Write("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n") ||
+                                                  !Write("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n")))
     return "uid/gid map";
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "make / private";
   char run[PATH_MAX];

@@ -11,5 +11,8 @@ const std::string& IsolationProblem();
 }  // namespace quorvin::test
 
 // Skips the current test, with the reason, when isolation was not possible.
-#define QUORVIN_REQUIRE_ISOLATION() \
-  do { if (!::quorvin::test::Isolated()) GTEST_SKIP() << "needs private mount/IPC namespaces: " << ::quorvin::test::IsolationProblem(); } while (0)
+#define QUORVIN_REQUIRE_ISOLATION()                                                                  \
+  do {                                                                                               \
+    if (!::quorvin::test::Isolated())                                                                \
+      GTEST_SKIP() << "needs private mount/IPC namespaces: " << ::quorvin::test::IsolationProblem(); \
+  } while (0)

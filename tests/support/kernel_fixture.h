@@ -1,6 +1,8 @@
 // Helpers for tests that run the kernel core inside their own process.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -14,8 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "cm/cm_internal.h"
 #include "quorvin/quorvin.h"
 #include "support/isolation.h"
@@ -25,7 +25,10 @@ namespace quorvin::test {
 using namespace std::chrono_literals;
 
 // Empties the pid list and starts the core (the "Scheduler" entry and the dispatcher); once per process.
-inline void BootCore() { static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true); (void)booted; }
+inline void BootCore() {
+  static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true);
+  (void)booted;
+}
 
 // Polls a condition until it holds or the time runs out.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
@@ -40,11 +43,12 @@ inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milli
 inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body, uint16_t priority = 32,
                        uint16_t threshold = 0, uint16_t autoStart = 1) {
   const LX_THREAD_ENTRY run = [](uint64_t input) -> void* {
-    return std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()(), nullptr;
+    return std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()(),
+           nullptr;
   };
   auto* owned = new std::function<void()>(std::move(body));
-  const LX_STATUS status = _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0,
-                                            priority, threshold, 0, autoStart);
+  const LX_STATUS status = _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0, priority,
+                                            threshold, 0, autoStart);
   if (status != LX_SUCCESS) delete owned;
   return status;
 }
@@ -58,7 +62,9 @@ inline bool Join(LX_THREAD thread, std::chrono::milliseconds limit = 10s) {
 
 // Reads a word that kernel threads change without a lock, atomically.
 template <typename T>
-T Peek(const T& word) { return quorvin::detail::LoadRelaxed(word); }
+T Peek(const T& word) {
+  return quorvin::detail::LoadRelaxed(word);
+}
 inline uint16_t StateOf(LX_THREAD thread) { return Peek(thread->u16State); }
 
 // The calling thread's own request block (the thread must be in the pool).
@@ -68,8 +74,8 @@ inline CmServiceRequest& OwnRequest() {
 }
 
 // Issues a request from the calling thread's own block and returns its status.
-inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT,
-                      uint64_t value = 0, uint64_t option = 0, void* data = nullptr) {
+inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOption = LX_NO_WAIT, uint64_t value = 0,
+                      uint64_t option = 0, void* data = nullptr) {
   CmServiceRequest& r = OwnRequest();
   r.u16Service = service, r.psThread = _lx_ThreadIdentify(), r.pvObject = object, r.u32WaitOption = waitOption;
   r.u64Value = value, r.u64Option = option, r.pvData = data;
@@ -79,7 +85,10 @@ inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOpt
 
 // Under the component-manager lock: the waiters on a suspend list (negative for receivers of a queue),
 // the handle word of the first, and the finite waits registered with the sleep agent.
-inline int32_t Waiting(const SuspendCtrl& list) { std::lock_guard lock(quorvin::detail::CmLock()); return list.i32SuspendCount; }
+inline int32_t Waiting(const SuspendCtrl& list) {
+  std::lock_guard lock(quorvin::detail::CmLock());
+  return list.i32SuspendCount;
+}
 inline LX_THREAD* FirstWaiter(const SuspendCtrl& list) {
   std::lock_guard lock(quorvin::detail::CmLock());
   return list.psFirstSuspend != nullptr ? list.psFirstSuspend->psOwner : nullptr;
@@ -103,7 +112,8 @@ inline size_t SleepAgentEntries() {
 // The pid list's lines, and the number of open descriptors of the process.
 inline std::vector<std::string> PidListLines() {
   std::vector<std::string> lines;
-  for (std::ifstream file(LX_PID_LIST_PATH); lines.emplace_back(), std::getline(file, lines.back());) {}
+  for (std::ifstream file(LX_PID_LIST_PATH); lines.emplace_back(), std::getline(file, lines.back());) {
+  }
   return lines.pop_back(), lines;
 }
 inline int OpenDescriptorCount() {
@@ -117,9 +127,15 @@ inline int OpenDescriptorCount() {
 class StandInTimer {
  public:
   StandInTimer() {
-    EXPECT_EQ(Spawn(G_psTimer, "TimerISR", [this] { for (;; done_.release()) go_.acquire(), (*work_)(); }), LX_SUCCESS);
+    EXPECT_EQ(Spawn(G_psTimer, "TimerISR",
+                    [this] {
+                      for (;; done_.release()) go_.acquire(), (*work_)();
+                    }),
+              LX_SUCCESS);
   }
-  void RunPasses(int n = 1) { while (n-- > 0) Run(SleepAgentEx); }
+  void RunPasses(int n = 1) {
+    while (n-- > 0) Run(SleepAgentEx);
+  }
   void Run(const std::function<void()>& work) { work_ = &work, go_.release(), done_.acquire(); }
 
  private:
@@ -128,7 +144,10 @@ class StandInTimer {
 };
 
 // The process's stand-in timer thread, made on first use and kept for the process's life.
-inline StandInTimer& Timer() { static StandInTimer* const timer = new StandInTimer; return *timer; }
+inline StandInTimer& Timer() {
+  static StandInTimer* const timer = new StandInTimer;
+  return *timer;
+}
 
 // Runs calls on the timer thread and returns the statuses they gave, in order.
 using Statuses = std::vector<LX_STATUS>;
@@ -154,14 +173,17 @@ class Waiters {
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
                 const char* name = "waiter") {
     Waiter& w = waiters_.emplace_back();
-    EXPECT_EQ(Spawn(&w.handle, name, [&w, call = std::move(call)] { w.status = call(); }, priority), LX_SUCCESS);
+    EXPECT_EQ(Spawn(
+                  &w.handle, name, [&w, call = std::move(call)] { w.status = call(); }, priority),
+              LX_SUCCESS);
     EXPECT_TRUE(!parked || WaitUntil(parked)) << name << " never began to wait";
     return w;
   }
   // Starts a thread that runs call; returns once it has joined the waiters on list.
   Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32) {
     const int32_t before = Waiting(list);
-    return Start(std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
+    return Start(
+        std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
   }
   // The waiter's status once its call has returned (kPending if not within the limit).
   static uint32_t StatusOf(const Waiter& w, std::chrono::milliseconds limit = 10s) {
@@ -180,7 +202,10 @@ using Waiter = Waiters::Waiter;
 // Fixture: isolation required, core booted.
 class KernelTest : public ::testing::Test {
  protected:
-  void SetUp() override { QUORVIN_REQUIRE_ISOLATION(); BootCore(); }
+  void SetUp() override {
+    QUORVIN_REQUIRE_ISOLATION();
+    BootCore();
+  }
 };
 
 }  // namespace quorvin::test

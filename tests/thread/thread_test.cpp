@@ -16,11 +16,16 @@ LX_THREAD const kUntouched = reinterpret_cast<LX_THREAD>(0x5a5a);
 // Each row also fails every later check; a registered handle is found before the entry is checked.
 TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49) {
   static LX_THREAD registered = nullptr, fresh = nullptr, handles[49] = {};
-  ASSERT_EQ(Spawn(&registered, "registered", [] {}, 20, 0, 0), LX_SUCCESS);
+  ASSERT_EQ(Spawn(
+                &registered, "registered", [] {}, 20, 0, 0),
+            LX_SUCCESS);
   const int32_t count = S_i32ThreadPoolIndex;
-  for (auto [handle, entry, priority, threshold, start, status] :
-       {std::tuple{&fresh, &Noop, 5, 6, 1, LX_THRESH_ERROR}, {&fresh, nullptr, 5, 6, 1, LX_PTR_ERROR}, {&registered, nullptr, 5, 6, 1, LX_THREAD_ERROR},
-        {&fresh, nullptr, 32, 33, 2, LX_NO_MEMORY}, {&fresh, nullptr, 33, 34, 2, LX_PRIORITY_ERROR}, {nullptr, nullptr, 33, 34, 2, LX_THREAD_ERROR}}) {
+  for (auto [handle, entry, priority, threshold, start, status] : {std::tuple{&fresh, &Noop, 5, 6, 1, LX_THRESH_ERROR},
+                                                                   {&fresh, nullptr, 5, 6, 1, LX_PTR_ERROR},
+                                                                   {&registered, nullptr, 5, 6, 1, LX_THREAD_ERROR},
+                                                                   {&fresh, nullptr, 32, 33, 2, LX_NO_MEMORY},
+                                                                   {&fresh, nullptr, 33, 34, 2, LX_PRIORITY_ERROR},
+                                                                   {nullptr, nullptr, 33, 34, 2, LX_THREAD_ERROR}}) {
     fresh = kUntouched;
     EXPECT_EQ(_lx_ThreadCreate(handle, "x", entry, 0, nullptr, 0, priority, threshold, 0, start), status);
     EXPECT_TRUE(S_i32ThreadPoolIndex == count && fresh == kUntouched);
@@ -28,8 +33,10 @@ TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49
   LX_THREAD *self = _lx_ThreadIdentify(), empty = nullptr;
   uint16_t old = 0xBEEF;
   for (auto [handle, value, output, priority, threshold] :
-       {std::tuple{(LX_THREAD*)nullptr, 33, (uint16_t*)nullptr, LX_THREAD_ERROR, LX_THREAD_ERROR}, {&empty, 33, nullptr, LX_THREAD_ERROR, LX_THREAD_ERROR},
-        {self, 33, &old, LX_PRIORITY_ERROR, LX_THRESH_ERROR}, {self, 32, nullptr, LX_PTR_ERROR, LX_PTR_ERROR}}) {
+       {std::tuple{(LX_THREAD*)nullptr, 33, (uint16_t*)nullptr, LX_THREAD_ERROR, LX_THREAD_ERROR},
+        {&empty, 33, nullptr, LX_THREAD_ERROR, LX_THREAD_ERROR},
+        {self, 33, &old, LX_PRIORITY_ERROR, LX_THRESH_ERROR},
+        {self, 32, nullptr, LX_PTR_ERROR, LX_PTR_ERROR}}) {
     EXPECT_EQ(_lx_ThreadPriorityChange(handle, value, output), priority) << value;
     EXPECT_EQ(_lx_ThreadPreemptionChange(handle, value, output), threshold) << value;
   }
@@ -37,7 +44,8 @@ TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49
   ASSERT_EQ(_lx_ThreadPriorityChange(&registered, 32, &old), LX_SUCCESS);
   EXPECT_EQ(std::tuple(old, Peek(registered->u16Priority)), std::tuple(32, 32));
   EXPECT_EQ(_lx_ThreadPriorityChange(&registered, 20, &old), LX_CALLER_ERROR);
-  for (int i = 0; S_i32ThreadPoolIndex < 49; ++i) ASSERT_EQ(_lx_ThreadCreate(&handles[i], "p", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
+  for (int i = 0; S_i32ThreadPoolIndex < 49; ++i)
+    ASSERT_EQ(_lx_ThreadCreate(&handles[i], "p", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
   EXPECT_EQ(_lx_ThreadCreate(&fresh, "one too many", Noop, 0, nullptr, 0, 32, 0, 0, 1), LX_THREAD_ERROR);
   EXPECT_TRUE(S_i32ThreadPoolIndex == 49 && fresh == kUntouched);
 }
@@ -47,25 +55,37 @@ TEST_F(ThreadTest, SuspendHoldsAThreadUntilResumeWaitAbortAnswersByItsStateAndSl
   static LX_THREAD spinner = nullptr;
   LX_THREAD empty = nullptr;
   for (LX_THREAD* h : {static_cast<LX_THREAD*>(nullptr), &empty})
-    for (LX_STATUS s : {_lx_ThreadSuspend(h), _lx_ThreadResume(h), _lx_ThreadWaitAbort(h), _lx_ThreadTerminate(h), _lx_ThreadDelete(h)})
+    for (LX_STATUS s : {_lx_ThreadSuspend(h), _lx_ThreadResume(h), _lx_ThreadWaitAbort(h), _lx_ThreadTerminate(h),
+                        _lx_ThreadDelete(h)})
       EXPECT_EQ(s, LX_THREAD_ERROR);
-  ASSERT_EQ(Spawn(&spinner, "spinner", [] { for (;; sched_yield()) ++rounds; }), LX_SUCCESS);
+  ASSERT_EQ(Spawn(&spinner, "spinner",
+                  [] {
+                    for (;; sched_yield()) ++rounds;
+                  }),
+            LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([] { return rounds > 0; }));
   ASSERT_EQ(_lx_ThreadSuspend(&spinner), LX_SUCCESS);
   std::this_thread::sleep_for(50ms);
   const int count = rounds;
   EXPECT_FALSE(WaitUntil([&] { return rounds != count; }, 100ms));
-  EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)), std::tuple(LX_STATE_SUSPENDED, LX_WAIT_ABORT_ERROR));
+  EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)),
+            std::tuple(LX_STATE_SUSPENDED, LX_WAIT_ABORT_ERROR));
   EXPECT_EQ(_lx_ThreadResume(&spinner), LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([&] { return rounds > count; }));
-  EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)), std::tuple(LX_STATE_READY, LX_SUCCESS));  // nothing to abort
-  const auto sleep = [](uint32_t ticks) { return [ticks]() -> uint32_t { return OwnRequest().psTarget = _lx_ThreadIdentify(), Issue(CM_THREAD_SLEEP, nullptr, ticks); }; };
+  EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)),
+            std::tuple(LX_STATE_READY, LX_SUCCESS));  // nothing to abort
+  const auto sleep = [](uint32_t ticks) {
+    return [ticks]() -> uint32_t {
+      return OwnRequest().psTarget = _lx_ThreadIdentify(), Issue(CM_THREAD_SLEEP, nullptr, ticks);
+    };
+  };
   Waiters waiters;
   Waiter& timed = waiters.Start(sleep(3), [] { return SleepAgentEntries() == 1; });
   Timer().RunPasses(3);
   EXPECT_EQ(StateOf(timed.handle), LX_STATE_SLEEPING);
   Timer().RunPasses(1);  // a sleep of N ticks ends on pass N + 1
-  EXPECT_EQ(std::tuple(SleepAgentEntries(), StateOf(timed.handle), Waiters::StatusOf(timed)), std::tuple(size_t{0}, LX_STATE_READY, LX_SUCCESS));
+  EXPECT_EQ(std::tuple(SleepAgentEntries(), StateOf(timed.handle), Waiters::StatusOf(timed)),
+            std::tuple(size_t{0}, LX_STATE_READY, LX_SUCCESS));
   Waiter& aborted = waiters.Start(sleep(50), [] { return SleepAgentEntries() == 1; });
   EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
   EXPECT_EQ(std::tuple(SleepAgentEntries(), Waiters::StatusOf(aborted)), std::tuple(size_t{0}, LX_WAIT_ABORTED));
@@ -81,8 +101,10 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
   FramedQueueCtrl framed{};
   static uint32_t storage[4], taken = 0, word = 7;
   static uint8_t slots[64];
-  for (LX_STATUS status : {_lx_MutexCreate(&mutex, "m", 0), _lx_MutexGet(&mutex, LX_NO_WAIT), _lx_SemaphoreCreate(&semaphore, "s", 0),
-                           _lx_QueueCreate(&queue, "q", 1, storage, sizeof storage), _lx_EventFlagsCreate(&group, "g"), QueueCreate(&framed, "f", 4, 4, slots, 0, 1)})
+  for (LX_STATUS status :
+       {_lx_MutexCreate(&mutex, "m", 0), _lx_MutexGet(&mutex, LX_NO_WAIT), _lx_SemaphoreCreate(&semaphore, "s", 0),
+        _lx_QueueCreate(&queue, "q", 1, storage, sizeof storage), _lx_EventFlagsCreate(&group, "g"),
+        QueueCreate(&framed, "f", 4, 4, slots, 0, 1)})
     ASSERT_EQ(status, LX_SUCCESS);
   Timer().RunPasses(1);  // its thread has started: no descriptor of its start open any more
   const int descriptors = OpenDescriptorCount(), pooled = S_i32ThreadPoolIndex;
@@ -91,18 +113,24 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
     static std::atomic<int> stage{0};
     ASSERT_EQ(Spawn(&victim, "victim", [wait] { stage = 1, wait(), stage = 2; }), LX_SUCCESS);
     ASSERT_TRUE(WaitUntil([] { return stage == 1; }));
-    std::this_thread::sleep_for(50ms);  // well inside the wait
+    std::this_thread::sleep_for(50ms);                              // well inside the wait
     EXPECT_EQ(_lx_ThreadDelete(&victim), LX_DELETE_ERROR) << what;  // not terminated
     OwnRequest().psTarget = &victim;  // the bare operation cancels the thread where it waits
     ASSERT_EQ(bare ? Issue(CM_THREAD_TERMINATE) : _lx_ThreadTerminate(&victim), LX_SUCCESS) << what;
-    EXPECT_EQ(std::tuple(StateOf(victim), _lx_ThreadDelete(&victim)), std::tuple(LX_STATE_TERMINATED, LX_SUCCESS)) << what;
+    EXPECT_EQ(std::tuple(StateOf(victim), _lx_ThreadDelete(&victim)), std::tuple(LX_STATE_TERMINATED, LX_SUCCESS))
+        << what;
     Timer().RunPasses(6);  // no expiry of the dead wait may reach anybody
-    EXPECT_EQ(std::tuple(stage.exchange(0), S_i32ThreadPoolIndex, Waiting(mutex->sSuspendCtrl), SleepAgentEntries()), std::tuple(1, pooled, 0, size_t{0})) << what;
+    EXPECT_EQ(std::tuple(stage.exchange(0), S_i32ThreadPoolIndex, Waiting(mutex->sSuspendCtrl), SleepAgentEntries()),
+              std::tuple(1, pooled, 0, size_t{0}))
+        << what;
     EXPECT_LE(OpenDescriptorCount(), descriptors) << what;  // one open at the start may be a start-up line
   };
   for (uint32_t wait : {LX_WAIT_FOREVER, 500u}) {
     // The service aborts a dispatcher wait first; the thread is cancelled where it goes on to wait.
-    const auto mutexWait = [&, wait] { if (_lx_MutexGet(&mutex, wait) == LX_WAIT_ABORTED) for (;;) ::pause(); };
+    const auto mutexWait = [&, wait] {
+      if (_lx_MutexGet(&mutex, wait) == LX_WAIT_ABORTED)
+        for (;;) ::pause();
+    };
     terminateInside("mutex", mutexWait);
     terminateInside("mutex, bare terminate", mutexWait, true);
     terminateInside("semaphore", [&, wait] { _lx_SemaphoreGet(&semaphore, wait); });
@@ -113,8 +141,9 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
   terminateInside("sleep", [] { _lx_ThreadSleep(1000); });
   for (int i = 0; i < 4; ++i) ASSERT_EQ(_lx_QueueSend(&queue, &word, LX_NO_WAIT), LX_SUCCESS);
   terminateInside("queue send", [&] { _lx_QueueSend(&queue, &word, LX_WAIT_FOREVER); });
-  for (LX_STATUS status : {_lx_QueueFlush(&queue), _lx_SemaphorePut(&semaphore), _lx_SemaphoreGet(&semaphore, LX_NO_WAIT),
-                           _lx_QueueSend(&queue, &word, LX_NO_WAIT), _lx_QueueReceive(&queue, &taken, LX_NO_WAIT), _lx_MutexPut(&mutex)})
+  for (LX_STATUS status :
+       {_lx_QueueFlush(&queue), _lx_SemaphorePut(&semaphore), _lx_SemaphoreGet(&semaphore, LX_NO_WAIT),
+        _lx_QueueSend(&queue, &word, LX_NO_WAIT), _lx_QueueReceive(&queue, &taken, LX_NO_WAIT), _lx_MutexPut(&mutex)})
     EXPECT_EQ(status, LX_SUCCESS);
 }
 
@@ -126,12 +155,20 @@ TEST_F(ThreadTest, SuspendedUnstartedAndEndedThreadsAreTerminatedAndDeleted) {
   ASSERT_EQ(Spawn(&finished, "finished", [] { ended = true; }), LX_SUCCESS);
   ASSERT_EQ(Spawn(&quitter, "quitter", [] { _lx_ThreadTerminate(&quitter); }), LX_SUCCESS);
   static std::atomic<int> heldRounds{0};
-  ASSERT_EQ(Spawn(&held, "held", [] { for (;; ::usleep(1000)) ++heldRounds; }), LX_SUCCESS);
-  ASSERT_TRUE(WaitUntil([] { return ended && heldRounds > 0 && StateOf(unstarted) == LX_STATE_SUSPENDED && StateOf(quitter) == LX_STATE_TERMINATED; }));
+  ASSERT_EQ(Spawn(&held, "held",
+                  [] {
+                    for (;; ::usleep(1000)) ++heldRounds;
+                  }),
+            LX_SUCCESS);
+  ASSERT_TRUE(WaitUntil([] {
+    return ended && heldRounds > 0 && StateOf(unstarted) == LX_STATE_SUSPENDED &&
+           StateOf(quitter) == LX_STATE_TERMINATED;
+  }));
   std::this_thread::sleep_for(100ms);  // the finished one's Linux thread has ended
   ASSERT_EQ(_lx_ThreadSuspend(&held), LX_SUCCESS);
   for (int seen = -1; seen != heldRounds;) seen = heldRounds, std::this_thread::sleep_for(50ms);  // it has stopped
-  EXPECT_EQ(std::tuple(StateOf(held), _lx_ThreadDelete(&finished)), std::tuple(LX_STATE_SUSPENDED, LX_DELETE_ERROR));  // ended, never terminated
+  EXPECT_EQ(std::tuple(StateOf(held), _lx_ThreadDelete(&finished)),
+            std::tuple(LX_STATE_SUSPENDED, LX_DELETE_ERROR));  // ended, never terminated
   for (LX_THREAD* thread : {&unstarted, &finished, &held}) EXPECT_EQ(_lx_ThreadTerminate(thread), LX_SUCCESS);
   for (LX_THREAD* thread : {&unstarted, &finished, &quitter, &held}) EXPECT_EQ(_lx_ThreadDelete(thread), LX_SUCCESS);
 }

@@ -12,8 +12,8 @@
 #include "timer/timer_internal.h"
 
 namespace {
-std::atomic<int64_t> g_nowUs{-1};  // >= 0: what gettimeofday reads
-int g_refusal = 0;                 // errno for every set; 0: refuse only a time with a zone (EINVAL)
+std::atomic<int64_t> g_nowUs{-1};                  // >= 0: what gettimeofday reads
+int g_refusal = 0;                                 // errno for every set; 0: refuse only a time with a zone (EINVAL)
 std::vector<std::tuple<long, long, bool>> g_sets;  // seconds, microseconds, with the zone just read
 }  // namespace
 
@@ -40,17 +40,22 @@ using Fields = std::vector<uint32_t>;
 std::mutex g_mutex;
 std::vector<std::pair<int, int>> g_calls;  // input, tick
 std::atomic<int> g_tick{0};
-void Record(uint32_t input) { std::lock_guard lock(g_mutex); g_calls.emplace_back(input, _lx_ThreadIdentify() == G_psTimer ? g_tick.load() : -1); }
+void Record(uint32_t input) {
+  std::lock_guard lock(g_mutex);
+  g_calls.emplace_back(input, _lx_ThreadIdentify() == G_psTimer ? g_tick.load() : -1);
+}
 Ints Fired(int input = -1) {  // the inputs in calling order or, given one, the ticks it fired on
   std::lock_guard lock(g_mutex);
   Ints found;
-  for (auto [in, tick] : g_calls) if (input < 0 || input == in) found.push_back(input < 0 ? in : tick);
+  for (auto [in, tick] : g_calls)
+    if (input < 0 || input == in) found.push_back(input < 0 ? in : tick);
   return found;
 }
 Fields State(LX_TIMER* timer) {  // {active, remaining as reported, reschedule}, or {status} if refused
   char* name = nullptr;
   uint16_t active = 0;
-  uint32_t remaining = 0, reschedule = 0, status = _lx_TimerInfoGet(timer, &name, &active, &remaining, &reschedule, &name);
+  uint32_t remaining = 0, reschedule = 0,
+           status = _lx_TimerInfoGet(timer, &name, &active, &remaining, &reschedule, &name);
   return status == LX_SUCCESS ? Fields{active, remaining, reschedule} : Fields{status};
 }
 // Signals n ticks as the tick thread does (count up, one byte into the timer pipe), each worked off before
@@ -58,16 +63,25 @@ Fields State(LX_TIMER* timer) {  // {active, remaining as reported, reschedule},
 // the walk wrote is ordered before what the caller reads next.
 void Tick(int n = 1) {
   for (int i = 0; i < n; ++i, ++g_tick) {
-    __atomic_add_fetch(&G_i32Ticks, 1, __ATOMIC_RELAXED), CM_WakeUpThreadEx(G_i32TimerPIPE[1]), CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
-    ASSERT_TRUE(WaitUntil([] { int bytes = -1; return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0; }));
+    __atomic_add_fetch(&G_i32Ticks, 1, __ATOMIC_RELAXED), CM_WakeUpThreadEx(G_i32TimerPIPE[1]),
+        CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
+    ASSERT_TRUE(WaitUntil([] {
+      int bytes = -1;
+      return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0;
+    }));
     static LX_TIMER scratch = nullptr;
-    if (_lx_TimerCreate(&scratch, nullptr, [](uint32_t) {}, 0, 1, 0, 0) == LX_SUCCESS) _lx_TimerDelete(&scratch);
+    if (_lx_TimerCreate(
+            &scratch, nullptr, [](uint32_t) {}, 0, 1, 0, 0) == LX_SUCCESS)
+      _lx_TimerDelete(&scratch);
   }
 }
 
 class AppTimerTest : public KernelTest {
  protected:
-  void SetUp() override { KernelTest::SetUp(); if (!IsSkipped()) _lx_TimerInitialize(), g_tick = 1; }
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (!IsSkipped()) _lx_TimerInitialize(), g_tick = 1;
+  }
 };
 
 TEST_F(AppTimerTest, FiresOnTheNthTickThenEveryRTicksOrOnceInTableOrderAndRefusalsKeepTheirRows) {
@@ -77,17 +91,24 @@ TEST_F(AppTimerTest, FiresOnTheNthTickThenEveryRTicksOrOnceInTableOrderAndRefusa
   ASSERT_EQ(_lx_TimerCreate(&once, nullptr, Record, 2, 3, 0, 1), LX_SUCCESS);
   ASSERT_EQ(_lx_TimerCreate(&d, nullptr, Record, 'D', 3, 0, 1), LX_SUCCESS);
   ASSERT_EQ(_lx_TimerDelete(&b), LX_SUCCESS);
-  for (auto [handle, function, ticks, activate, status] : {std::tuple{(LX_TIMER*)nullptr, &Record, 1, 2, LX_TIMER_ERROR}, {&word, nullptr, 0, 2, LX_TIMER_ERROR},
-        {&word, &Record, 0, 2, LX_TICK_ERROR}, {&word, &Record, 1, 2, LX_ACTIVATE_ERROR}, {&once, &Record, 1, 1, LX_TIMER_ERROR}})
+  for (auto [handle, function, ticks, activate, status] :
+       {std::tuple{(LX_TIMER*)nullptr, &Record, 1, 2, LX_TIMER_ERROR},
+        {&word, nullptr, 0, 2, LX_TIMER_ERROR},
+        {&word, &Record, 0, 2, LX_TICK_ERROR},
+        {&word, &Record, 1, 2, LX_ACTIVATE_ERROR},
+        {&once, &Record, 1, 1, LX_TIMER_ERROR}})
     EXPECT_EQ(_lx_TimerCreate(handle, "x", function, 0, ticks, 0, activate), status);
-  for (LX_STATUS status : {_lx_TimerActivate(&b), _lx_TimerDeactivate(&b), _lx_TimerChange(&b, 1, 1), _lx_TimerDelete(&b), _lx_TimerDelete(nullptr)})
+  for (LX_STATUS status : {_lx_TimerActivate(&b), _lx_TimerDeactivate(&b), _lx_TimerChange(&b, 1, 1),
+                           _lx_TimerDelete(&b), _lx_TimerDelete(nullptr)})
     EXPECT_EQ(status, LX_TIMER_ERROR);
   Tick(10);
-  EXPECT_EQ(Fired(1), (Ints{3, 5, 7, 9}));  // on the timer thread
+  EXPECT_EQ(Fired(1), (Ints{3, 5, 7, 9}));         // on the timer thread
   EXPECT_EQ(Fired(), (Ints{1, 'D', 2, 1, 1, 1}));  // the one-shots on tick 3, in table order
-  EXPECT_EQ(std::tuple(State(&periodic), State(&once), State(&b)), std::tuple(Fields{1, 1, 2}, Fields{0, 0, 0}, Fields{LX_TIMER_ERROR}));
+  EXPECT_EQ(std::tuple(State(&periodic), State(&once), State(&b)),
+            std::tuple(Fields{1, 1, 2}, Fields{0, 0, 0}, Fields{LX_TIMER_ERROR}));
   static LX_TIMER table[97];  // 99 in all
-  for (LX_TIMER& timer : table) EXPECT_EQ(_lx_TimerCreate(&timer, "t", Record, 0, 1000, 0, 0), &timer < table + 96 ? LX_SUCCESS : LX_POOL_ERROR);
+  for (LX_TIMER& timer : table)
+    EXPECT_EQ(_lx_TimerCreate(&timer, "t", Record, 0, 1000, 0, 0), &timer < table + 96 ? LX_SUCCESS : LX_POOL_ERROR);
 }
 
 TEST_F(AppTimerTest, DeactivateKeepsTheCountActivateDoesNotReloadItAndChangeDoes) {
@@ -101,7 +122,8 @@ TEST_F(AppTimerTest, DeactivateKeepsTheCountActivateDoesNotReloadItAndChangeDoes
   Tick(5);
   EXPECT_EQ(Fired(1), Ints{18});
   EXPECT_EQ(_lx_TimerChange(&timer, 0, 5), LX_TICK_ERROR);
-  ASSERT_EQ(_lx_TimerChange(&timer, 3, 1), LX_SUCCESS);  // the expired one-shot: counts from the next tick, then every tick
+  ASSERT_EQ(_lx_TimerChange(&timer, 3, 1),
+            LX_SUCCESS);  // the expired one-shot: counts from the next tick, then every tick
   ASSERT_EQ(_lx_TimerActivate(&timer), LX_SUCCESS);
   Tick(5);
   EXPECT_EQ(Fired(1), (Ints{18, 21, 22, 23}));
@@ -119,7 +141,8 @@ TEST(TimeTest, TimeGetCountsHundredthsAndTimeSetRetriesOnlyARefusedZone) {
   __user_cap_data_struct data[2]{};
   ::syscall(SYS_capget, &header, data);
   for (auto* set : {&data[0].effective, &data[0].permitted, &data[0].inheritable}) *set &= ~(1u << CAP_SYS_TIME);
-  if (::syscall(SYS_capset, &header, data), ::syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1u << CAP_SYS_TIME)) != 0)
+  if (::syscall(SYS_capset, &header, data),
+      ::syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1u << CAP_SYS_TIME)) != 0)
     GTEST_SKIP() << "could not give up CAP_SYS_TIME";
   SetNow(1700000000, 250000);
   EXPECT_EQ(_lx_TimeGet(), 2496275481u);  // hundredths, modulo 2^32
@@ -128,7 +151,8 @@ TEST(TimeTest, TimeGetCountsHundredthsAndTimeSetRetriesOnlyARefusedZone) {
   g_refusal = EPERM;
   _lx_TimeSet(12345);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Failed to set time\n");
-  EXPECT_EQ(g_sets, (std::vector<std::tuple<long, long, bool>>{{123, 450000, true}, {123, 450000, false}, {123, 450000, true}}));
+  EXPECT_EQ(g_sets, (std::vector<std::tuple<long, long, bool>>{
+                        {123, 450000, true}, {123, 450000, false}, {123, 450000, true}}));
 }
 
 }  // namespace
