@@ -11,14 +11,19 @@ using namespace quorvin::detail;
 using ThreadTest = KernelTest;
 
 void* Noop(uint64_t) { return nullptr; }
+void Spin(std::atomic<int>& rounds) {  // counts while it runs; usleep is a cancellation point
+  for (;; ::usleep(1000)) ++rounds;
+}
+bool Stops(std::atomic<int>& rounds) {  // it has stopped counting for 100 ms
+  for (int seen = -1; seen != rounds;) seen = rounds, std::this_thread::sleep_for(100ms);
+  return true;
+}
 LX_THREAD const kUntouched = reinterpret_cast<LX_THREAD>(0x5a5a);
 
 // Each row also fails every later check; a registered handle is found before the entry is checked.
 TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49) {
   static LX_THREAD registered = nullptr, fresh = nullptr, handles[49] = {};
-  ASSERT_EQ(Spawn(
-                &registered, "registered", [] {}, 20, 0, 0),
-            LX_SUCCESS);
+  ASSERT_EQ(_lx_ThreadCreate(&registered, "registered", Noop, 0, nullptr, 0, 20, 0, 0, 0), LX_SUCCESS);
   const int32_t count = S_i32ThreadPoolIndex;
   for (auto [handle, entry, priority, threshold, start, status] : {std::tuple{&fresh, &Noop, 5, 6, 1, LX_THRESH_ERROR},
                                                                    {&fresh, nullptr, 5, 6, 1, LX_PTR_ERROR},
@@ -50,7 +55,8 @@ TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49
   EXPECT_TRUE(S_i32ThreadPoolIndex == 49 && fresh == kUntouched);
 }
 
-TEST_F(ThreadTest, SuspendHoldsAThreadUntilResumeWaitAbortAnswersByItsStateAndSleepsTakeTheirTicks) {
+// Terminate resumes a suspended thread so that it ends.
+TEST_F(ThreadTest, SuspendHoldsAThreadUntilResumeOrTerminateWaitAbortAnswersByItsStateAndSleepsTakeTheirTicks) {
   static std::atomic<int> rounds{0};
   static LX_THREAD spinner = nullptr;
   LX_THREAD empty = nullptr;
@@ -58,22 +64,21 @@ TEST_F(ThreadTest, SuspendHoldsAThreadUntilResumeWaitAbortAnswersByItsStateAndSl
     for (LX_STATUS s : {_lx_ThreadSuspend(h), _lx_ThreadResume(h), _lx_ThreadWaitAbort(h), _lx_ThreadTerminate(h),
                         _lx_ThreadDelete(h)})
       EXPECT_EQ(s, LX_THREAD_ERROR);
-  ASSERT_EQ(Spawn(&spinner, "spinner",
-                  [] {
-                    for (;; sched_yield()) ++rounds;
-                  }),
-            LX_SUCCESS);
+  ASSERT_EQ(Spawn(&spinner, "spinner", [] { Spin(rounds); }), LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([] { return rounds > 0; }));
   ASSERT_EQ(_lx_ThreadSuspend(&spinner), LX_SUCCESS);
-  std::this_thread::sleep_for(50ms);
+  ASSERT_TRUE(Stops(rounds));
   const int count = rounds;
-  EXPECT_FALSE(WaitUntil([&] { return rounds != count; }, 100ms));
   EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)),
             std::tuple(LX_STATE_SUSPENDED, LX_WAIT_ABORT_ERROR));
   EXPECT_EQ(_lx_ThreadResume(&spinner), LX_SUCCESS);
   ASSERT_TRUE(WaitUntil([&] { return rounds > count; }));
   EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)),
             std::tuple(LX_STATE_READY, LX_SUCCESS));  // nothing to abort
+  ASSERT_EQ(_lx_ThreadSuspend(&spinner), LX_SUCCESS);
+  ASSERT_TRUE(Stops(rounds));
+  ASSERT_EQ(_lx_ThreadTerminate(&spinner), LX_SUCCESS);
+  EXPECT_EQ(_lx_ThreadDelete(&spinner), LX_SUCCESS);
   const auto sleep = [](uint32_t ticks) {
     return [ticks]() -> uint32_t {
       return OwnRequest().psTarget = _lx_ThreadIdentify(), Issue(CM_THREAD_SLEEP, nullptr, ticks);
@@ -147,30 +152,19 @@ TEST_F(ThreadTest, AThreadTerminatedInAnyWaitEndsAndTheObjectServesOn) {
     EXPECT_EQ(status, LX_SUCCESS);
 }
 
-// Terminate resumes a suspended thread so that it ends; an ended one must be terminated before delete.
-TEST_F(ThreadTest, SuspendedUnstartedAndEndedThreadsAreTerminatedAndDeleted) {
-  static LX_THREAD unstarted = nullptr, finished = nullptr, quitter = nullptr, held = nullptr;
+// An ended thread must be terminated before delete.
+TEST_F(ThreadTest, UnstartedAndEndedThreadsAreTerminatedAndDeleted) {
+  static LX_THREAD unstarted = nullptr, finished = nullptr, quitter = nullptr;
   static std::atomic<bool> ended{false};
   ASSERT_EQ(_lx_ThreadCreate(&unstarted, "unstarted", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
   ASSERT_EQ(Spawn(&finished, "finished", [] { ended = true; }), LX_SUCCESS);
   ASSERT_EQ(Spawn(&quitter, "quitter", [] { _lx_ThreadTerminate(&quitter); }), LX_SUCCESS);
-  static std::atomic<int> heldRounds{0};
-  ASSERT_EQ(Spawn(&held, "held",
-                  [] {
-                    for (;; ::usleep(1000)) ++heldRounds;
-                  }),
-            LX_SUCCESS);
-  ASSERT_TRUE(WaitUntil([] {
-    return ended && heldRounds > 0 && StateOf(unstarted) == LX_STATE_SUSPENDED &&
-           StateOf(quitter) == LX_STATE_TERMINATED;
-  }));
+  ASSERT_TRUE(WaitUntil([] { return ended && StateOf(quitter) == LX_STATE_TERMINATED; }));
   std::this_thread::sleep_for(100ms);  // the finished one's Linux thread has ended
-  ASSERT_EQ(_lx_ThreadSuspend(&held), LX_SUCCESS);
-  for (int seen = -1; seen != heldRounds;) seen = heldRounds, std::this_thread::sleep_for(50ms);  // it has stopped
-  EXPECT_EQ(std::tuple(StateOf(held), _lx_ThreadDelete(&finished)),
-            std::tuple(LX_STATE_SUSPENDED, LX_DELETE_ERROR));  // ended, never terminated
-  for (LX_THREAD* thread : {&unstarted, &finished, &held}) EXPECT_EQ(_lx_ThreadTerminate(thread), LX_SUCCESS);
-  for (LX_THREAD* thread : {&unstarted, &finished, &quitter, &held}) EXPECT_EQ(_lx_ThreadDelete(thread), LX_SUCCESS);
+  EXPECT_EQ(std::tuple(StateOf(unstarted), _lx_ThreadDelete(&finished)),
+            std::tuple(LX_STATE_SUSPENDED, LX_DELETE_ERROR));
+  for (LX_THREAD* thread : {&unstarted, &finished}) EXPECT_EQ(_lx_ThreadTerminate(thread), LX_SUCCESS);
+  for (LX_THREAD* thread : {&unstarted, &finished, &quitter}) EXPECT_EQ(_lx_ThreadDelete(thread), LX_SUCCESS);
 }
 
 }  // namespace
