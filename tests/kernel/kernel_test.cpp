@@ -73,6 +73,10 @@ Observed& Shared() {  // mapped before the children are forked
       *new (::mmap(nullptr, sizeof(Observed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Observed{};
   return seen;
 }
+void Beat(uint32_t) { ++Shared().timerFires; }
+[[noreturn]] void Idle() {
+  for (;;) ::pause();
+}
 bool TickThreadStarted() { return testing::Value(PidListLines(), testing::Contains(StartsWith("Name: SoftTimer,"))); }
 
 TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTimeOuts) {
@@ -86,12 +90,9 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
       static LX_TIMER beat;
       static LX_THREAD idle, checker;
       static LX_MUTEX mutex = nullptr;
-      _lx_TimerCreate(
-          &beat, "beat", [](uint32_t) { ++Shared().timerFires; }, 0, 2, 2, 1);
+      _lx_TimerCreate(&beat, "beat", Beat, 0, 2, 2, 1);
       _lx_MutexCreate(&mutex, "m", 0);
-      Spawn(&idle, "idle", [] {
-        for (_lx_MutexGet(&mutex, LX_NO_WAIT);;) ::pause();
-      });
+      Spawn(&idle, "idle", [] { _lx_MutexGet(&mutex, LX_NO_WAIT), Idle(); });
       Spawn(&checker, "checker", [] {
         WaitUntil([] { return Shared().timerFires >= 3 && Peek(mutex->psOwner) == &idle; });
         Shared().waitStatus = _lx_MutexGet(&mutex, 5);
@@ -112,8 +113,8 @@ TEST(StartupTest, EntryTimesStartUpListsEveryThreadOnceAndTicksReachTimersAndTim
 }
 
 // SIGQUIT tells the registered thread (exit id 1, then SIGTERM) and exits with status 0, flushing what is
-// buffered; fault signals write a backtrace
-// ("...[0x...]" frame lines) and end the process by the signal, SIGSEGV and SIGBUS left to their default.
+// buffered; fault signals write a backtrace ("...[0x...]" frame lines) and end the process by the signal,
+// SIGSEGV and SIGBUS left to their default.
 // ThreadSanitizer reports the exit() inside the signal handler as a signal-unsafe call.
 TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal) {
   QUORVIN_REQUIRE_ISOLATION();
@@ -133,7 +134,7 @@ TEST(StartupTest, QuitExitsWithStatusZeroAndFaultSignalsEndTheProcessByTheSignal
           g_zloop_thread_id = ::pthread_self();
           ::signal(SIGTERM, [](int) { Shared().told = Peek(g_zloop_exit_id); });
           WaitUntil(TickThreadStarted), std::printf("still buffered"), Shared().ready = true;
-          for (::raise(raised == SIGQUIT ? 0 : raised);;) ::pause();  // SIGQUIT: stays to be told
+          ::raise(raised == SIGQUIT ? 0 : raised), Idle();  // SIGQUIT: stays to be told
         }).detach();
       });
     });

@@ -127,11 +127,7 @@ inline int OpenDescriptorCount() {
 class StandInTimer {
  public:
   StandInTimer() {
-    EXPECT_EQ(Spawn(G_psTimer, "TimerISR",
-                    [this] {
-                      for (;; done_.release()) go_.acquire(), (*work_)();
-                    }),
-              LX_SUCCESS);
+    EXPECT_EQ(Spawn(G_psTimer, "TimerISR", [this] { Serve(); }), LX_SUCCESS);
   }
   void RunPasses(int n = 1) {
     while (n-- > 0) Run(SleepAgentEx);
@@ -139,6 +135,9 @@ class StandInTimer {
   void Run(const std::function<void()>& work) { work_ = &work, go_.release(), done_.acquire(); }
 
  private:
+  void Serve() {
+    for (;; done_.release()) go_.acquire(), (*work_)();
+  }
   std::binary_semaphore go_{0}, done_{0};
   const std::function<void()>* work_ = nullptr;
 };
@@ -173,17 +172,16 @@ class Waiters {
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
                 const char* name = "waiter") {
     Waiter& w = waiters_.emplace_back();
-    EXPECT_EQ(Spawn(
-                  &w.handle, name, [&w, call = std::move(call)] { w.status = call(); }, priority),
-              LX_SUCCESS);
+    const auto run = [&w, call = std::move(call)] { w.status = call(); };
+    EXPECT_EQ(Spawn(&w.handle, name, run, priority), LX_SUCCESS);
     EXPECT_TRUE(!parked || WaitUntil(parked)) << name << " never began to wait";
     return w;
   }
   // Starts a thread that runs call; returns once it has joined the waiters on list.
   Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32) {
     const int32_t before = Waiting(list);
-    return Start(
-        std::move(call), [&list, before] { return Waiting(list) != before; }, priority);
+    const auto parked = [&list, before] { return Waiting(list) != before; };
+    return Start(std::move(call), parked, priority);
   }
   // The waiter's status once its call has returned (kPending if not within the limit).
   static uint32_t StatusOf(const Waiter& w, std::chrono::milliseconds limit = 10s) {
