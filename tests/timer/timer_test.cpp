@@ -61,18 +61,18 @@ Fields State(LX_TIMER* timer) {  // {active, remaining as reported, reschedule},
 // Signals n ticks as the tick thread does (count up, one byte into the timer pipe), each worked off before
 // the next: the pipe drained, then the timer lock passed (a scratch timer created and deleted) so that all
 // the walk wrote is ordered before what the caller reads next.
+bool TimerPipeDrained() {
+  int bytes = -1;
+  return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0;
+}
 void Tick(int n = 1) {
   for (int i = 0; i < n; ++i, ++g_tick) {
-    __atomic_add_fetch(&G_i32Ticks, 1, __ATOMIC_RELAXED), CM_WakeUpThreadEx(G_i32TimerPIPE[1]),
-        CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
-    ASSERT_TRUE(WaitUntil([] {
-      int bytes = -1;
-      return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0;
-    }));
+    __atomic_add_fetch(&G_i32Ticks, 1, __ATOMIC_RELAXED);
+    CM_WakeUpThreadEx(G_i32TimerPIPE[1]);  // a second byte: read only once the walk of the first is done
+    CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
+    ASSERT_TRUE(WaitUntil(TimerPipeDrained));
     static LX_TIMER scratch = nullptr;
-    if (_lx_TimerCreate(
-            &scratch, nullptr, [](uint32_t) {}, 0, 1, 0, 0) == LX_SUCCESS)
-      _lx_TimerDelete(&scratch);
+    if (_lx_TimerCreate(&scratch, nullptr, Record, 0, 1, 0, 0) == LX_SUCCESS) _lx_TimerDelete(&scratch);
   }
 }
 
