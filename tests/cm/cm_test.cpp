@@ -3,6 +3,8 @@
 // order, a moved waiter keeping its ticks, a released one never expiring); the handle registry's race.
 #include <sys/ioctl.h>
 
+#include <numeric>
+
 #include "cm/registry.h"
 #include "quorvin/lx_mutex.h"
 #include "support/kernel_fixture.h"
@@ -20,12 +22,15 @@ template <typename T>
 T Locked(const T& value) {
   return std::lock_guard(CmLock()), value;
 }
+void Serve(uint16_t, CmServiceRequest* r) { g_served.push_back(r->u64Value), CompleteLocked(*r, LX_SUCCESS); }
+void Expire(CmServiceRequest* r) { g_expired.push_back(r->psTarget), CM_MutexWakeUp(r); }
+void Request(int* wrong, uint64_t thread) {  // 300 requests tagged with the thread and their number
+  for (uint64_t i = 0; i < 300; ++i)
+    *wrong += Issue(0xF1, nullptr, LX_NO_WAIT, thread << 32 | i) != LX_SUCCESS || OwnRequest().u16Service;
+}
 
 TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeaveNothingBehind) {
-  ReplaceClassEntry(ClassIndex(0xF0), {[](uint16_t, CmServiceRequest* r) {
-                                         g_served.push_back(r->u64Value), CompleteLocked(*r, LX_SUCCESS);
-                                       },
-                                       nullptr});
+  ReplaceClassEntry(ClassIndex(0xF0), {Serve, nullptr});
   Issue(0x90);  // settles any descriptor opened on first use
   const int descriptors = OpenDescriptorCount();
   for (uint16_t code : {0x00, 0x02, 0x0F, 0x40, 0x4F, 0x90, 0xA3, 0xFFFF})
@@ -34,30 +39,22 @@ TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeav
   finished.u16Status = 1234;
   EXPECT_EQ(Issue(CM_OP_TIMEOUT, &finished), LX_NOT_AVAILABLE);
   EXPECT_EQ(finished.u16Status, 1234);
-  constexpr uint64_t kThreads = 8, kEach = 300;
-  LX_THREAD handles[kThreads] = {};
-  std::atomic<int> wrong = 0;
-  for (uint64_t t = 0; t < kThreads; ++t)
-    ASSERT_EQ(Spawn(&handles[t], "requester",
-                    [&wrong, t] {
-                      for (uint64_t i = 0; i < kEach; ++i)
-                        wrong += Issue(0xF1, nullptr, LX_NO_WAIT, t << 32 | i) != LX_SUCCESS || OwnRequest().u16Service;
-                    }),
-              LX_SUCCESS);
+  LX_THREAD handles[8] = {};
+  int wrong[8] = {};
+  for (uint64_t t = 0; t < 8; ++t)
+    ASSERT_EQ(Spawn(&handles[t], "requester", [&wrong, t] { Request(&wrong[t], t); }), 0);
   for (LX_THREAD handle : handles) ASSERT_TRUE(Join(handle, 60s));
   int wakeBytes = -1;
   ::ioctl(S_i32CmPIPE[0], FIONREAD, &wakeBytes);
-  EXPECT_EQ(std::tuple(wrong.load(), wakeBytes), std::tuple(0, 0));
+  EXPECT_EQ(std::tuple(std::accumulate(wrong, wrong + 8, 0), wakeBytes), std::tuple(0, 0));
   EXPECT_LE(OpenDescriptorCount(), descriptors);  // one open at the start may be a start-up line
-  std::vector<uint64_t> served = Locked(g_served), next(kThreads, 0);
-  ASSERT_EQ(served.size(), kThreads * kEach);
+  std::vector<uint64_t> served = Locked(g_served), next(8, 0);
+  ASSERT_EQ(served.size(), 8u * 300);
   for (uint64_t tag : served) EXPECT_EQ(tag & 0xFFFFFFFF, next[tag >> 32]++);  // each thread's in its order
 }
 
 TEST_F(KernelTest, WaitsOfNTicksEndAfterPassNPlusOneInRegistrationOrderAndAMovedOneKeepsItsTicks) {
-  ReplaceClassEntry(ClassIndex(CM_MUTEX_GET), {&CM_MutexFunction, [](CmServiceRequest* r) {
-                                                 g_expired.push_back(r->psTarget), CM_MutexWakeUp(r);
-                                               }});
+  ReplaceClassEntry(ClassIndex(CM_MUTEX_GET), {&CM_MutexFunction, Expire});
   LX_MUTEX mutex = nullptr;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "m", LX_NO_INHERIT), LX_SUCCESS);
   ASSERT_EQ(_lx_MutexGet(&mutex, LX_NO_WAIT), LX_SUCCESS);
