@@ -10,8 +10,6 @@
 namespace quorvin::test {
 namespace {
 
-constexpr uint64_t kBytes = 64;  // one byte-pool take; the pool has 100
-
 // One object class: the codes its services issue, and its wait state. The block pool's services take the same
 // path as the byte pool's; the descriptor shortage below goes through them.
 struct Subject {
@@ -35,9 +33,8 @@ struct Object {
   LX_MUTEX* M() { return reinterpret_cast<LX_MUTEX*>(&word); }
   LX_BYTE_POOL* Y() { return reinterpret_cast<LX_BYTE_POOL*>(&word); }
   Object(const Subject& subject, bool services) : s(subject), here(services) {
-    EXPECT_EQ(
-        s.take == CM_MUTEX_GET ? _lx_MutexCreate(M(), "d", LX_NO_INHERIT) : _lx_BytePoolCreate(Y(), "d", area, 100),
-        0u);
+    EXPECT_EQ(LX_SUCCESS, s.take == CM_MUTEX_GET ? _lx_MutexCreate(M(), "d", LX_NO_INHERIT)
+                                                 : _lx_BytePoolCreate(Y(), "d", area, 100));
   }
   ~Object() {  // areas still handed out when their pool was deleted
     for (void* m : memory)
@@ -46,12 +43,12 @@ struct Object {
   const SuspendCtrl& List() { return s.take == CM_MUTEX_GET ? (*M())->sSuspendCtrl : (*Y())->sSuspendCtrl; }
   // One service; the other way round when across.
   uint32_t Call(uint16_t code, size_t slot = 0, uint32_t wait = LX_NO_WAIT, bool across = false) {
-    if (here == across) return Issue(code, &word, wait, kBytes);
+    if (here == across) return Issue(code, &word, wait, 64);  // 64 of the byte pool's 100 bytes
     if (code == CM_MUTEX_GET) return _lx_MutexGet(M(), wait);
     if (code == CM_MUTEX_PUT) return _lx_MutexPut(M());
     if (code == CM_MUTEX_DELETE) return _lx_MutexDelete(M());
     if (code == CM_MUTEX_PRIORITIZE) return _lx_MutexPrioritize(M());
-    if (code == CM_BYTE_ALLOCATE) return _lx_ByteAllocate(Y(), &memory[slot], kBytes, wait);
+    if (code == CM_BYTE_ALLOCATE) return _lx_ByteAllocate(Y(), &memory[slot], 64, wait);
     if (code == CM_BYTE_RELEASE) return _lx_ByteRelease(std::exchange(memory[slot], nullptr));
     return code == CM_BYTE_DELETE ? _lx_BytePoolDelete(Y()) : _lx_BytePoolPrioritize(Y());
   }
@@ -65,21 +62,20 @@ uint32_t PipeClosed() {
 // A free and a busy object; two waiters, the later one parked the other way, prioritized and served first; a
 // time-out, a wait abort, a delete with a waiter; a call after it. One Waiters per test: handle words are not reused.
 std::vector<uint32_t> Scenario(Object& o, Waiters& waiters) {
-  const SuspendCtrl& list = o.List();
   std::vector<uint32_t> t{o.Call(o.s.take), OwnRequest().u16Service, PipeClosed()};
   t.insert(t.end(), {o.Call(o.s.take, 1), StateOf(*_lx_ThreadIdentify()), OwnRequest().u16Service});
   Waiter& first = waiters.StartOn(
-      list, [&o] { return o.Call(o.s.take, 2, LX_WAIT_FOREVER); }, 20);
+      o.List(), [&o] { return o.Call(o.s.take, 2, LX_WAIT_FOREVER); }, 20);
   Waiter& second = waiters.StartOn(
-      list, [&o] { return o.Call(o.s.take, 3, 2, true); }, 10);
-  t.insert(t.end(), {StateOf(first.handle), StateOf(second.handle), uint32_t(Waiting(list))});
-  t.insert(t.end(), {o.Call(o.s.prioritize), o.Call(o.s.give), Waiters::StatusOf(second), uint32_t(Waiting(list))});
+      o.List(), [&o] { return o.Call(o.s.take, 3, 2, true); }, 10);
+  t.insert(t.end(), {StateOf(first.handle), StateOf(second.handle), uint32_t(Waiting(o.List()))});
+  t.insert(t.end(), {o.Call(o.s.prioritize), o.Call(o.s.give), Waiters::StatusOf(second), uint32_t(Waiting(o.List()))});
   Waiter& late = waiters.StartOn(
-      list, [&o] { return o.Call(o.s.take, 4, 2); }, 30);
+      o.List(), [&o] { return o.Call(o.s.take, 4, 2); }, 30);
   Timer().RunPasses(3);
-  Waiter& aborted = waiters.StartOn(list, [&o] { return o.Call(o.s.take, 5, LX_WAIT_FOREVER); });
+  Waiter& aborted = waiters.StartOn(o.List(), [&o] { return o.Call(o.s.take, 5, LX_WAIT_FOREVER); });
   t.insert(t.end(), {Waiters::StatusOf(late), _lx_ThreadWaitAbort(&aborted.handle), Waiters::StatusOf(aborted)});
-  t.insert(t.end(), {uint32_t(Waiting(list)), uint32_t(SleepAgentEntries()), o.Call(o.s.remove)});
+  t.insert(t.end(), {uint32_t(Waiting(o.List())), uint32_t(SleepAgentEntries()), o.Call(o.s.remove)});
   t.insert(t.end(), {Waiters::StatusOf(first), o.Call(o.s.take, 6), PipeClosed()});
   return t;
 }
@@ -96,31 +92,29 @@ TEST_F(FastPathTest, ServicesAndDispatcherRequestsAgreeForEveryClassAndARequestF
                         0, 0, 1,      s.busy, LX_STATE_READY,  0, s.waitState, s.waitState, 2,          0,     0,
                         0, 1, s.busy, 0,      LX_WAIT_ABORTED, 1, 0,           0,           LX_DELETED, s.bad, 1}));
   }
-  Object o(kSubjects[0], true);
-  LX_MUTEX& mutex = *o.M();
-  CmServiceRequest queued{};  // an unknown code, queued, but the dispatcher is not woken yet
+  static Object o(kSubjects[0], true);  // kept for the process
+  CmServiceRequest queued{};            // an unknown code, queued, but the dispatcher is not woken yet
   queued.u16Service = 0xF1;
   ASSERT_EQ((std::lock_guard(detail::CmLock()), detail::EnqueueLocked(queued)), detail::Enqueued::kWakeDispatcher);
-  Waiter& getter = waiters.Start([&mutex] { return _lx_MutexGet(&mutex, LX_NO_WAIT); },
+  Waiter& getter = waiters.Start([] { return o.Call(CM_MUTEX_GET); },
                                  [&queued] { return std::lock_guard(detail::CmLock()), queued.psNext != nullptr; });
-  EXPECT_EQ((std::tuple{getter.Done(), Peek(mutex->u32Available)}), std::tuple(false, 1u));
   detail::WakeDispatcher();
   detail::AwaitCompletion(queued);
-  EXPECT_EQ((std::tuple{queued.u16Status, Waiters::StatusOf(getter), Peek(mutex->psOwner)}),
+  EXPECT_EQ((std::tuple{queued.u16Status, Waiters::StatusOf(getter), Peek((*o.M())->psOwner)}),
             std::tuple(LX_NOT_AVAILABLE, 0u, &getter.handle));
 }
 
 // Only locals inside the shortage: UBSan checks a polymorphic object (the fixture) through a pipe it cannot
 // open then, and reports a correct object as broken (docs/testing.md).
 TEST_F(FastPathTest, WithoutDescriptorsWhatFinishesAtOnceSucceedsAWaitIsRefusedUntouchedAndAReleaseHandsOver) {
-  LX_BLOCK_POOL blocks = nullptr;
+  LX_BLOCK_POOL pool = nullptr;
   alignas(8) uint8_t area[32];
   void* got[3] = {};
-  ASSERT_EQ(Statuses(3, 0), (Statuses{_lx_BlockPoolCreate(&blocks, "b", 16, area, 32),
-                                      _lx_BlockAllocate(&blocks, &got[0], 0), _lx_BlockAllocate(&blocks, &got[1], 0)}));
+  ASSERT_EQ(Statuses(3, 0), (Statuses{_lx_BlockPoolCreate(&pool, "b", 16, area, 32),
+                                      _lx_BlockAllocate(&pool, &got[0], 0), _lx_BlockAllocate(&pool, &got[1], 0)}));
   const int descriptors = OpenDescriptorCount();
   Waiters waiters;
-  Waiter& waiter = waiters.StartOn(blocks->sSuspendCtrl, [&] { return _lx_BlockAllocate(&blocks, &got[2], 50); });
+  Waiter& waiter = waiters.StartOn(pool->sSuspendCtrl, [&] { return _lx_BlockAllocate(&pool, &got[2], 50); });
   rlimit saved{};  // the soft limit lowered, every number below it taken: no pipe can be opened
   ::getrlimit(RLIMIT_NOFILE, &saved);
   const rlimit low{static_cast<rlim_t>(OpenDescriptorCount() + 8), saved.rlim_max};
@@ -129,17 +123,16 @@ TEST_F(FastPathTest, WithoutDescriptorsWhatFinishesAtOnceSucceedsAWaitIsRefusedU
   for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) taken.push_back(fd);
   // A dispatcher request needs a descriptor, and so does an allocation that has to wait (its reply pipe):
   // refused, it leaves no trace. A release hands over through the waiter's own pipe, or finishes at once.
-  EXPECT_EQ(
-      (Statuses{Issue(CM_BLOCK_RELEASE, &blocks), _lx_BlockAllocate(&blocks, &got[0], 5), _lx_BlockRelease(got[0]),
-                Waiters::StatusOf(waiter), _lx_BlockRelease(got[1]), _lx_BlockAllocate(&blocks, &got[1], 5)}),
-      (Statuses{LX_NOT_AVAILABLE, LX_NOT_AVAILABLE, 0, 0, 0, 0}));
+  EXPECT_EQ((Statuses{Issue(CM_BLOCK_RELEASE, &pool), _lx_BlockAllocate(&pool, &got[0], 5), _lx_BlockRelease(got[0]),
+                      Waiters::StatusOf(waiter), _lx_BlockRelease(got[1]), _lx_BlockAllocate(&pool, &got[1], 5)}),
+            (Statuses{LX_NOT_AVAILABLE, LX_NOT_AVAILABLE, 0, 0, 0, 0}));
   EXPECT_EQ(std::tuple(0, 0u, LX_STATE_READY, -1, 0u),
-            (std::tuple{Waiting(blocks->sSuspendCtrl), SleepAgentEntries(), StateOf(*_lx_ThreadIdentify()),
-                        OwnRequest().ai32ReplyPipe[0], Peek(blocks->u32AvailableBlocks)}));
+            (std::tuple{Waiting(pool->sSuspendCtrl), SleepAgentEntries(), StateOf(*_lx_ThreadIdentify()),
+                        OwnRequest().ai32ReplyPipe[0], Peek(pool->u32AvailableBlocks)}));
   for (int fd : taken) ::close(fd);
   ::setrlimit(RLIMIT_NOFILE, &saved);
   EXPECT_TRUE(WaitUntil([&] { return OpenDescriptorCount() <= descriptors; }));  // nothing left open
-  EXPECT_EQ((Statuses{_lx_BlockRelease(got[1]), _lx_BlockRelease(got[2])}), Statuses(2, 0));
+  EXPECT_EQ(Statuses(3, 0), (Statuses{_lx_BlockRelease(got[1]), _lx_BlockRelease(got[2]), _lx_BlockPoolDelete(&pool)}));
 }
 
 }  // namespace
