@@ -16,11 +16,6 @@ using namespace quorvin::detail;
 class SyncTest : public KernelTest {
  protected:
   void TearDown() override { waiters_.JoinAll(); }
-  // A kernel thread whose request is parked on list when this returns.
-  Waiter& Park(const SuspendCtrl& list, uint16_t service, void* object, uint32_t wait, uint16_t priority = 32,
-               uint64_t value = 0, uint64_t option = 0, uint32_t* data = nullptr) {
-    return waiters_.StartOn(list, [=] { return Issue(service, object, wait, value, option, data); }, priority);
-  }
   Waiter& Get(LX_MUTEX& mutex, uint16_t priority = 32, uint32_t wait = LX_WAIT_FOREVER) {
     return waiters_.StartOn(mutex->sSuspendCtrl, [&mutex, wait] { return _lx_MutexGet(&mutex, wait); }, priority);
   }
@@ -60,40 +55,85 @@ TEST_F(SyncTest, MutexPutHandsOverToTheLongestWaiterOrWithInheritToTheBestPriori
   }
 }
 
-TEST_F(SyncTest, MutexWaitsTimeOutOnThePassAfterTheirTicksAreAbortedMovedAndReleasedByTheDelete) {
+LX_MUTEX g_mutex = nullptr;
+CmSemaphoreControlBlock* g_block = nullptr;
+LX_EVENT_FLAGS g_group = nullptr;
+
+// The dispatcher's waiting classes, each made so that a get waits: the waiting state, the time-out
+// status, and its create, get (from the waiting thread), prioritize (if any) and delete.
+struct WaitClass {
+  uint16_t state, timeout;
+  std::function<const SuspendCtrl&()> create;
+  std::function<uint32_t(uint32_t wait)> get;
+  std::function<uint32_t()> prioritize, remove;
+};
+const WaitClass kClasses[] = {
+    {LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE,
+     []() -> const SuspendCtrl& {
+       EXPECT_EQ((Statuses{_lx_MutexCreate(&g_mutex, "m", 0), _lx_MutexGet(&g_mutex, 0), _lx_MutexGet(&g_mutex, 0)}),
+                 (Statuses{0, 0, LX_NOT_AVAILABLE}));  // the owner too: no ownership count
+       return g_mutex->sSuspendCtrl;
+     },
+     [](uint32_t wait) { return _lx_MutexGet(&g_mutex, wait); }, [] { return _lx_MutexPrioritize(&g_mutex); },
+     [] { return _lx_MutexDelete(&g_mutex); }},
+    {LX_STATE_SEMAPHORE_WAIT, LX_NO_INSTANCE,
+     []() -> const SuspendCtrl& {
+       g_block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
+       return g_block->u32Ceiling = 2, g_block->sSuspendCtrl;
+     },
+     [](uint32_t wait) { return Issue(CM_SEMAPHORE_GET, &g_block, wait); },
+     [] { return Issue(CM_SEMAPHORE_PRIORITIZE, &g_block); }, [] { return Issue(CM_SEMAPHORE_DELETE, &g_block); }},
+    {LX_STATE_EVENT_FLAGS_WAIT, LX_NO_EVENTS,
+     []() -> const SuspendCtrl& { return _lx_EventFlagsCreate(&g_group, "class"), g_group->sSuspendCtrl; },
+     [](uint32_t wait) {
+       uint32_t actual = 0;
+       return Issue(CM_EVENT_FLAGS_GET, &g_group, wait, 0x100, 0, &actual);
+     },
+     nullptr, [] { return Issue(CM_EVENT_FLAGS_DELETE, &g_group); }},
+};
+
+TEST_F(SyncTest, ClassWaitsTimeOutOnThePassAfterTheirTicksAreAbortedEndWithTheirThreadMoveAndEndWithTheDelete) {
+  for (const WaitClass& c : kClasses) {
+    SCOPED_TRACE(c.state);
+    const SuspendCtrl& list = c.create();
+    auto get = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& {
+      return waiters_.StartOn(list, [&c, wait] { return c.get(wait); }, priority);
+    };
+    Waiter& late = get(5);
+    EXPECT_EQ(StateOf(late.handle), c.state);
+    Timer().RunPasses(5);
+    EXPECT_FALSE(late.Done());
+    Timer().RunPasses(1);  // returns once the dispatcher has handled the expiry
+    EXPECT_EQ((std::tuple{Waiters::StatusOf(late), StateOf(late.handle)}), std::tuple(c.timeout, LX_STATE_READY));
+    Waiter& aborted = get(5);
+    Waiter& terminated = get(50);
+    EXPECT_EQ((Statuses{_lx_ThreadWaitAbort(&aborted.handle), Waiters::StatusOf(aborted), _lx_ThreadTerminate(&terminated.handle)}),
+              (Statuses{0, LX_WAIT_ABORTED, 0}));
+    EXPECT_TRUE(WaitUntil([&] { return Waiting(list) == 0 && SleepAgentEntries() == 0; }));
+    Waiter& at31 = get(LX_WAIT_FOREVER, 31);
+    get(LX_WAIT_FOREVER, 32);
+    if (c.prioritize) {
+      EXPECT_EQ((std::tuple{c.prioritize(), FirstWaiter(list)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
+      get(LX_WAIT_FOREVER, 10);
+      Waiter& moved = get(4, 10);  // ties with the one before it: the one nearer the last end moves
+      Timer().RunPasses(1);
+      EXPECT_EQ((std::tuple{c.prioritize(), FirstWaiter(list), LoadWaitOption(moved.handle->sRequest)}),
+                std::tuple(0u, &moved.handle, 3u));
+      Timer().RunPasses(3);
+      EXPECT_FALSE(moved.Done());
+      Timer().RunPasses(1);  // the fifth pass after it was parked, as without the move
+      EXPECT_EQ(Waiters::StatusOf(moved), c.timeout);
+    }
+    Waiter& finite = get(30);
+    EXPECT_EQ((std::tuple{c.remove(), Waiters::StatusOf(at31), Waiters::StatusOf(finite), SleepAgentEntries()}),
+              std::tuple(0u, LX_DELETED, LX_DELETED, size_t{0}));
+  }
+}
+
+TEST_F(SyncTest, ADeletedMutexIsRefusedAndRequestsQueuedBehindItsDeleteFindNoMutex) {
   LX_MUTEX mutex = nullptr;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "m", 0), LX_SUCCESS);
-  const SuspendCtrl& list = mutex->sSuspendCtrl;
-  EXPECT_EQ((std::tuple{_lx_MutexGet(&mutex, 0), _lx_MutexGet(&mutex, 0)}), std::tuple(0, LX_NOT_AVAILABLE));
-  Waiter& late = Get(mutex, 32, 5);
-  EXPECT_EQ(StateOf(late.handle), LX_STATE_MUTEX_WAIT);
-  Timer().RunPasses(5);
-  EXPECT_FALSE(late.Done());
-  Timer().RunPasses(1);  // returns once the dispatcher has handled the expiry
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(late), StateOf(late.handle)}), std::tuple(LX_NOT_AVAILABLE, LX_STATE_READY));
-  Waiter& aborted = Get(mutex, 32, 5);
-  EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(aborted), Waiting(list), SleepAgentEntries()}),
-            std::tuple(LX_WAIT_ABORTED, 0, size_t{0}));
-  Waiter& at31 = Get(mutex, 31);
-  Waiter& at32 = Get(mutex, 32);
-  EXPECT_EQ((std::tuple{_lx_MutexPrioritize(&mutex), FirstWaiter(list)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
-  Waiter& b = Get(mutex, 10, 4);
-  Timer().RunPasses(1);
-  EXPECT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{FirstWaiter(list), LoadWaitOption(b.handle->sRequest)}), std::tuple(&b.handle, 3u));
-  Timer().RunPasses(3);
-  EXPECT_FALSE(b.Done());
-  Timer().RunPasses(1);  // the fifth pass after it was parked, as without the move
-  EXPECT_EQ(Waiters::StatusOf(b), LX_NOT_AVAILABLE);
-  Waiter& c = Get(mutex, 5);
-  EXPECT_EQ(_lx_MutexPrioritize(&mutex), LX_SUCCESS);
-  ASSERT_EQ(_lx_MutexPut(&mutex), LX_SUCCESS);  // no inherit: to the front waiter
-  EXPECT_EQ(Owner(mutex), &c.handle);
-  Waiter& timed = Get(mutex, 20, 50);
-  EXPECT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{mutex, Waiters::StatusOf(at31), Waiters::StatusOf(at32), Waiters::StatusOf(timed),
-                       SleepAgentEntries()}), std::tuple(nullptr, LX_DELETED, LX_DELETED, LX_DELETED, size_t{0}));
+  ASSERT_EQ(_lx_MutexDelete(&mutex), LX_SUCCESS);
   char* n;
   uint32_t u;
   EXPECT_EQ((Statuses{_lx_MutexGet(&mutex, LX_NO_WAIT), _lx_MutexPut(&mutex), _lx_MutexPrioritize(&mutex),
@@ -116,7 +156,6 @@ TEST_F(SyncTest, MutexWaitsTimeOutOnThePassAfterTheirTicksAreAbortedMovedAndRele
   for (CmServiceRequest& request : requests) AwaitCompletion(request), served.push_back(request.u16Status);
   EXPECT_EQ((std::tuple{mutex, served}), std::tuple(nullptr, Statuses{0, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR}));
 }
-
 TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheRegistriesHoldFifty) {
   static LX_MUTEX mutexes[51], fromTimer = nullptr;
   static LX_EVENT_FLAGS groups[51];
@@ -129,11 +168,11 @@ TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheRegistriesHoldFifty) 
                       _lx_MutexGet(&mutexes[50], 0), _lx_EventFlagsCreate(nullptr, "x")}),
             (Statuses{LX_MUTEX_ERROR, LX_INHERIT_ERROR, LX_MUTEX_ERROR, LX_GROUP_ERROR}));
   for (int i = 0; i < 50; ++i) {
-    ASSERT_EQ(std::tuple(_lx_MutexCreate(&mutexes[i], "m", 0), _lx_EventFlagsCreate(&groups[i], "g")), std::tuple(0, 0));
+    ASSERT_EQ((std::tuple{_lx_MutexCreate(&mutexes[i], "m", 0), _lx_EventFlagsCreate(&groups[i], "g")}), std::tuple(0, 0));
   }
   EXPECT_EQ((Statuses{_lx_MutexInfoGet(&mutexes[0], &n, &u, &t, &f, &u, nullptr), _lx_MutexInfoGet(&mutexes[0], nullptr, &u, &t, &f, &u, &next),
-                      _lx_MutexCreate(&mutexes[50], "full", 0), _lx_MutexDelete(&mutexes[7]), _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]),
-                      _lx_EventFlagsCreate(&groups[50], "full"), _lx_EventFlagsInfoGet(&groups[0], &n, &u, &t, &u, nullptr),
+                      _lx_MutexCreate(&mutexes[50], "full", 0), _lx_MutexDelete(&mutexes[7]), _lx_MutexCreate(&mutexes[50], "reused", 0),
+                      _lx_MutexDelete(&mutexes[1]), _lx_EventFlagsCreate(&groups[50], "full"), _lx_EventFlagsInfoGet(&groups[0], &n, &u, &t, &u, nullptr),
                       _lx_EventFlagsDelete(&groups[3]), _lx_EventFlagsSet(&groups[3], 0x1, LX_OR)}),
             (Statuses{LX_PTR_ERROR, LX_PTR_ERROR, LX_MUTEX_ERROR, 0, 0, 0, LX_GROUP_ERROR, LX_PTR_ERROR, 0, 0}));
   LX_MUTEX* m = &mutexes[0];
@@ -141,47 +180,27 @@ TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheRegistriesHoldFifty) 
   std::thread([&] { outside = {_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexPrioritize(m), _lx_MutexDelete(m)}; }).join();
   EXPECT_EQ(outside, Statuses(4, LX_MUTEX_ERROR));  // not a thread of the system
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&fromTimer, "t", 0), _lx_MutexPrioritize(m)};
+              return {_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&fromTimer, "t", 0), _lx_MutexPrioritize(m),
+                      Issue(CM_SEMAPHORE_GET, &g_block, 5)};
             }),
-            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0}));
+            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0, LX_WAIT_ERROR}));
   EXPECT_EQ((Statuses{_lx_MutexGet(&fromTimer, 0), _lx_MutexGet(m, 0), Issue(0x54, m)}), (Statuses{0, 0, LX_NOT_AVAILABLE}));
 }
 
-TEST_F(SyncTest, SemaphoreClassStopsAtItsCeilingHandsOverInOrderTimesOutAbortsPrioritizesAndDeletes) {
-  auto* block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
-  block->u32Ceiling = 2;
-  const SuspendCtrl& list = block->sSuspendCtrl;
-  auto get = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& { return Park(list, CM_SEMAPHORE_GET, &block, wait, priority); };
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(Issue(CM_SEMAPHORE_PUT, &block), LX_SUCCESS);
-  EXPECT_EQ((Statuses{Issue(CM_SEMAPHORE_GET, &block, 0), Issue(CM_SEMAPHORE_GET, &block, LX_WAIT_FOREVER),
-                      Issue(CM_SEMAPHORE_GET, &block, 0)}), (Statuses{0, 0, LX_NO_INSTANCE}));
-  Waiter& first = get(LX_WAIT_FOREVER);
-  Waiter& second = get(LX_WAIT_FOREVER);
-  EXPECT_EQ(StateOf(first.handle), LX_STATE_SEMAPHORE_WAIT);
-  EXPECT_EQ((std::tuple{Issue(CM_SEMAPHORE_PUT, &block), Waiters::StatusOf(first)}), std::tuple(0, 0u));
-  EXPECT_EQ((std::tuple{Peek(block->u32Count), second.Done(), FirstWaiter(list)}), std::tuple(0u, false, &second.handle));
-  EXPECT_EQ(_lx_ThreadWaitAbort(&second.handle), LX_SUCCESS);
-  EXPECT_EQ(Waiters::StatusOf(second), LX_WAIT_ABORTED);
-  Waiter& timed = get(3);
-  Timer().RunPasses(3);
-  EXPECT_FALSE(timed.Done());
-  Timer().RunPasses(1);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(timed), StateOf(timed.handle)}), std::tuple(LX_NO_INSTANCE, LX_STATE_READY));
-  Waiter& terminated = get(50);
-  EXPECT_EQ(_lx_ThreadTerminate(&terminated.handle), LX_SUCCESS);
-  EXPECT_TRUE(WaitUntil([&] { return Waiting(list) == 0 && SleepAgentEntries() == 0; }));
-  Timer().Run([&] { EXPECT_EQ(Issue(CM_SEMAPHORE_GET, &block, 5), LX_WAIT_ERROR); });
-  Waiter& at31 = get(LX_WAIT_FOREVER, 31);
-  EXPECT_EQ(Issue(CM_SEMAPHORE_PRIORITIZE, &block), LX_SUCCESS);  // one waiter
-  get(LX_WAIT_FOREVER, 32);
-  EXPECT_EQ((std::tuple{Issue(CM_SEMAPHORE_PRIORITIZE, &block), FirstWaiter(list)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
-  get(LX_WAIT_FOREVER, 10);
-  Waiter& moved = get(20, 10);  // ties with the one before it: the later one wins
-  EXPECT_EQ((std::tuple{Issue(CM_SEMAPHORE_PRIORITIZE, &block), FirstWaiter(list)}), std::tuple(0, &moved.handle));
-  for (uint16_t code : {0x70, 0x71, 0x74, 0x77, 0x7F}) EXPECT_EQ(Issue(code, &block), LX_NOT_AVAILABLE) << code;
-  EXPECT_EQ(Issue(CM_SEMAPHORE_DELETE, &block), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(at31), Waiters::StatusOf(moved), SleepAgentEntries()}),
-            std::tuple(LX_DELETED, LX_DELETED, size_t{0}));
+TEST_F(SyncTest, SemaphoreClassStopsAtItsCeilingAndHandsOverInOrder) {
+  kClasses[1].create();
+  const SuspendCtrl& list = g_block->sSuspendCtrl;
+  auto get = [&]() -> Waiter& { return waiters_.StartOn(list, [] { return Issue(CM_SEMAPHORE_GET, &g_block, LX_WAIT_FOREVER); }); };
+  EXPECT_EQ((Statuses{Issue(CM_SEMAPHORE_PUT, &g_block), Issue(CM_SEMAPHORE_PUT, &g_block), Issue(CM_SEMAPHORE_PUT, &g_block),
+                      Issue(CM_SEMAPHORE_GET, &g_block, 0), Issue(CM_SEMAPHORE_GET, &g_block, LX_WAIT_FOREVER),
+                      Issue(CM_SEMAPHORE_GET, &g_block, 0), Issue(0x74, &g_block), Issue(0x7F, &g_block)}),
+            (Statuses{0, 0, 0, 0, 0, LX_NO_INSTANCE, LX_NOT_AVAILABLE, LX_NOT_AVAILABLE}));
+  Waiter& first = get();
+  Waiter& second = get();
+  EXPECT_EQ((std::tuple{Issue(CM_SEMAPHORE_PRIORITIZE, &g_block), Issue(CM_SEMAPHORE_PUT, &g_block), Waiters::StatusOf(first)}),
+            std::tuple(LX_NOT_AVAILABLE, 0, 0u));
+  EXPECT_EQ((std::tuple{Peek(g_block->u32Count), second.Done(), Issue(CM_SEMAPHORE_PUT, &g_block), Waiters::StatusOf(second)}),
+            std::tuple(0u, false, 0, 0u));
   CmSemaphoreControlBlock* none = nullptr;
   for (uint16_t code : {CM_SEMAPHORE_GET, CM_SEMAPHORE_PUT, CM_SEMAPHORE_DELETE, CM_SEMAPHORE_PRIORITIZE}) {
     EXPECT_EQ((std::tuple{Issue(code, &none), Issue(code, nullptr)}), std::tuple(12, 12)) << code;
@@ -189,51 +208,37 @@ TEST_F(SyncTest, SemaphoreClassStopsAtItsCeilingHandsOverInOrderTimesOutAbortsPr
 }
 
 TEST_F(SyncTest, EventFlagsClassTakesZeroAndHighBitsLiterallyClearsAllAndServesWaitersInListOrder) {
-  LX_EVENT_FLAGS group = nullptr;
-  ASSERT_EQ(_lx_EventFlagsCreate(&group, "class"), LX_SUCCESS);
-  const SuspendCtrl& list = group->sSuspendCtrl;
-  auto set = [&](uint64_t flags, uint64_t option = 0) { return Issue(CM_EVENT_FLAGS_SET, &group, 0, flags, option); };
-  auto get = [&](uint64_t requested, uint64_t option, uint32_t* actual) {
-    return Issue(CM_EVENT_FLAGS_GET, &group, 0, requested, option, actual);
+  const SuspendCtrl& list = kClasses[2].create();
+  auto set = [&](uint64_t flags, uint64_t option = 0) { return Issue(CM_EVENT_FLAGS_SET, &g_group, 0, flags, option); };
+  auto get = [&](uint64_t requested, uint64_t option, uint32_t* actual, uint32_t wait = 0) {
+    return Issue(CM_EVENT_FLAGS_GET, &g_group, wait, requested, option, actual);
   };
-  auto flags = [&] { return Peek(group->u32CurrentFlags); };
+  auto park = [&](uint64_t requested, uint64_t option, uint32_t* actual) -> Waiter& {
+    return waiters_.StartOn(list, [=] { return get(requested, option, actual, LX_WAIT_FOREVER); });
+  };
+  auto flags = [&] { return Peek(g_group->u32CurrentFlags); };
   uint32_t a = 0, b = 0, c = 0;
   EXPECT_EQ((std::tuple{set(0x6), get(0x2, 1, &a), a, flags()}), std::tuple(0, 0, 0x6u, 0u));  // every flag cleared
   EXPECT_EQ((Statuses{get(0, 2, &a), get(0, 0, &a), get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &a),
                       get(0x100000001ull, 0, &a), set(0x0F, 0x10002)}),  // the set option's low 16 bits: AND
             (Statuses{0, LX_NO_EVENTS, LX_PTR_ERROR, 0, LX_NO_EVENTS, 0, 0}));
-  auto checking = [&](uint64_t requested, uint64_t option) {  // the check alone never clears
-    CmServiceRequest check{};
-    std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&group, requested, option);
-    return CM_EventFlagsStatusChecking(&check), check.u16Status;
-  };
-  EXPECT_EQ((std::tuple{checking(0x30, 0), checking(0x3, 2), flags()}), std::tuple(LX_NO_EVENTS, 0, 0x0Fu));
+  CmServiceRequest check{};  // the check alone never clears
+  std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&g_group, 0x3, 2);
+  EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, flags()}), std::tuple(0, 0, 0x0Fu));
   ASSERT_EQ(set(0, 2), LX_SUCCESS);
-  Waiter& clearing = Park(list, CM_EVENT_FLAGS_GET, &group, LX_WAIT_FOREVER, 32, 0x1, 1, &a);
-  Waiter& plain = Park(list, CM_EVENT_FLAGS_GET, &group, LX_WAIT_FOREVER, 32, 0x1, 0, &b);
-  EXPECT_EQ(StateOf(clearing.handle), LX_STATE_EVENT_FLAGS_WAIT);
+  Waiter& clearing = park(0x1, 1, &a);
+  Waiter& plain = park(0x1, 0, &b);
   EXPECT_EQ((std::tuple{set(0x1), Waiters::StatusOf(clearing), a, flags(), plain.Done()}), std::tuple(0, 0u, 1u, 0u, false));
-  Waiter& all = Park(list, CM_EVENT_FLAGS_GET, &group, LX_WAIT_FOREVER, 32, 0x4, 2, &c);
+  Waiter& all = park(0x4, 2, &c);
   EXPECT_EQ((std::tuple{set(0x1), Waiters::StatusOf(plain), b, all.Done()}), std::tuple(0, 0u, 1u, false));
-  ASSERT_EQ(_lx_EventFlagsSet(&group, 0x4, LX_OR), LX_SUCCESS);  // the direct side does not wake it ...
+  ASSERT_EQ(_lx_EventFlagsSet(&g_group, 0x4, LX_OR), LX_SUCCESS);  // the direct side does not wake it ...
   EXPECT_FALSE(all.Done());
   EXPECT_EQ(set(0x8, 1), LX_OPTION_ERROR);  // ... the next set of the class does, even a refused one
   EXPECT_EQ((std::tuple{Waiters::StatusOf(all), c, flags()}), std::tuple(0u, 0x5u, 0x5u));
-  Waiter& timed = Park(list, CM_EVENT_FLAGS_GET, &group, 2, 32, 0x100, 0, &a);
-  Timer().RunPasses(3);
-  Waiter& aborted = Park(list, CM_EVENT_FLAGS_GET, &group, LX_WAIT_FOREVER, 32, 0x100, 0, &a);
-  EXPECT_EQ(_lx_ThreadWaitAbort(&aborted.handle), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(timed), Waiters::StatusOf(aborted)}), std::tuple(LX_NO_EVENTS, LX_WAIT_ABORTED));
-  Waiter& forever = Park(list, CM_EVENT_FLAGS_GET, &group, LX_WAIT_FOREVER, 32, 0x100, 0, &b);
-  Waiter& finite = Park(list, CM_EVENT_FLAGS_GET, &group, 30, 32, 0x100, 0, &c);
-  for (uint16_t code : {0x30, 0x31, 0x34, 0x36, 0x3F}) EXPECT_EQ(Issue(code, &group), LX_NOT_AVAILABLE) << code;
-  LX_EVENT_FLAGS* handle = &group;
-  EXPECT_EQ(Issue(CM_EVENT_FLAGS_DELETE, handle), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(forever), Waiters::StatusOf(finite), group, SleepAgentEntries()}),
-            std::tuple(LX_DELETED, LX_DELETED, nullptr, size_t{0}));
-  EXPECT_EQ((Statuses{set(0x1), get(0x1, 0, &a), Issue(CM_EVENT_FLAGS_DELETE, handle), _lx_EventFlagsSet(handle, 1, 0),
-                      _lx_EventFlagsCreate(handle, "again")}),  // the slot was given back
-            (Statuses{LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));
+  LX_EVENT_FLAGS* handle = &g_group;
+  EXPECT_EQ((Statuses{Issue(0x34, handle), Issue(CM_EVENT_FLAGS_DELETE, handle), set(0x1), get(0x1, 0, &a),
+                      Issue(CM_EVENT_FLAGS_DELETE, handle), _lx_EventFlagsSet(handle, 1, 0), _lx_EventFlagsCreate(handle, "again")}),
+            (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));  // the slot was given back
 }
 
 TEST_F(SyncTest, SemaphoresCountTimeOutAtTheirDeadlineKeepItWhenSuspendedAndRefuseWhatTheyCannot) {
