@@ -21,7 +21,8 @@ char g_area[512];  // named at creation, never used
 constexpr rlim_t kMiB = 1024 * 1024;
 
 bool Zeroed(const void* memory, size_t size) {
-  return std::all_of(static_cast<const char*>(memory), static_cast<const char*>(memory) + size, [](char b) { return b == 0; });
+  return std::all_of(static_cast<const char*>(memory), static_cast<const char*>(memory) + size,
+                     [](char b) { return b == 0; });
 }
 
 class PoolTest : public KernelTest {
@@ -31,17 +32,24 @@ class PoolTest : public KernelTest {
   template <typename Pool, typename... Size>
   Waiter& Wait(Pool& pool, uint16_t priority, uint32_t wait, Size... size) {
     void** memory = &memory_.emplace_back();
-    return waiters_.StartOn(pool->sSuspendCtrl, [&pool, memory, wait, size...] {
-      if constexpr (sizeof...(size) == 0) return _lx_BlockAllocate(&pool, memory, wait);
-      else return _lx_ByteAllocate(&pool, memory, size..., wait);
-    }, priority);
+    return waiters_.StartOn(
+        pool->sSuspendCtrl,
+        [&pool, memory, wait, size...] {
+          if constexpr (sizeof...(size) == 0)
+            return _lx_BlockAllocate(&pool, memory, wait);
+          else
+            return _lx_ByteAllocate(&pool, memory, size..., wait);
+        },
+        priority);
   }
   // Memory taken without waiting (NULL if refused).
   template <typename Pool, typename... Size>
   static void* Take(Pool& pool, Size... size) {
     void* memory = nullptr;
-    if constexpr (sizeof...(size) == 0) EXPECT_EQ(_lx_BlockAllocate(&pool, &memory, LX_NO_WAIT), LX_SUCCESS);
-    else EXPECT_EQ(_lx_ByteAllocate(&pool, &memory, size..., LX_NO_WAIT), LX_SUCCESS) << (size + ...);
+    if constexpr (sizeof...(size) == 0)
+      EXPECT_EQ(_lx_BlockAllocate(&pool, &memory, LX_NO_WAIT), LX_SUCCESS);
+    else
+      EXPECT_EQ(_lx_ByteAllocate(&pool, &memory, size..., LX_NO_WAIT), LX_SUCCESS) << (size + ...);
     return memory;
   }
   Waiters waiters_;
@@ -50,10 +58,11 @@ class PoolTest : public KernelTest {
 
 TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAndReleasedByTheDelete) {
   static LX_BLOCK_POOL pool = nullptr;
-  EXPECT_EQ((Statuses{_lx_BlockPoolCreate(nullptr, "x", 16, g_area, 32), _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 30),
-                      _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 16), _lx_BlockPoolCreate(&pool, "x", 16, g_area, 16),
-                      _lx_BlockPoolCreate(&pool, "x", 0, g_area, 16), _lx_BlockPoolCreate(&pool, "x", 0, g_area, 0)}),
-            (Statuses{LX_POOL_ERROR, LX_SIZE_ERROR, LX_PTR_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR}));
+  EXPECT_EQ(
+      (Statuses{_lx_BlockPoolCreate(nullptr, "x", 16, g_area, 32), _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 30),
+                _lx_BlockPoolCreate(&pool, "x", 16, nullptr, 16), _lx_BlockPoolCreate(&pool, "x", 16, g_area, 16),
+                _lx_BlockPoolCreate(&pool, "x", 0, g_area, 16), _lx_BlockPoolCreate(&pool, "x", 0, g_area, 0)}),
+      (Statuses{LX_POOL_ERROR, LX_SIZE_ERROR, LX_PTR_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR, LX_SIZE_ERROR}));
   ASSERT_EQ(_lx_BlockPoolCreate(&pool, "ten", 32, g_area, 320), LX_SUCCESS);
   std::vector<void*> blocks;
   for (int i = 0; i < 10; ++i) {  // the last block too
@@ -68,7 +77,8 @@ TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAn
   EXPECT_EQ((std::tuple{_lx_BlockRelease(blocks[0]), Waiters::StatusOf(first), FirstWaiter(pool->sSuspendCtrl)}),
             std::tuple(0, 0u, &second.handle));
   EXPECT_TRUE(Zeroed(memory_[0], 32));  // the released block comes back zeroed
-  EXPECT_EQ((std::tuple{_lx_ThreadWaitAbort(&second.handle), Waiters::StatusOf(second)}), std::tuple(0, LX_WAIT_ABORTED));
+  EXPECT_EQ((std::tuple{_lx_ThreadWaitAbort(&second.handle), Waiters::StatusOf(second)}),
+            std::tuple(0, LX_WAIT_ABORTED));
   Waiter& timed = Wait(pool, 32, 3);
   Timer().RunPasses(3);
   EXPECT_FALSE(timed.Done());
@@ -77,22 +87,26 @@ TEST_F(PoolTest, BlocksAreZeroedAndHandedOverInOrderTimedOutAbortedPrioritizedAn
             std::tuple(LX_NO_MEMORY, nullptr, nullptr, size_t{0}));
   Waiter& at31 = Wait(pool, 31, LX_WAIT_FOREVER);
   Wait(pool, 32, LX_WAIT_FOREVER);
-  EXPECT_EQ((std::tuple{_lx_BlockPoolPrioritize(&pool), FirstWaiter(pool->sSuspendCtrl)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
+  EXPECT_EQ((std::tuple{_lx_BlockPoolPrioritize(&pool), FirstWaiter(pool->sSuspendCtrl)}),
+            std::tuple(LX_NOT_AVAILABLE, &at31.handle));
   Waiter& ten = Wait(pool, 10, LX_WAIT_FOREVER);
   Wait(pool, 5, LX_WAIT_FOREVER);
   Waiter& fiveLast = Wait(pool, 5, LX_WAIT_FOREVER);
   EXPECT_EQ(_lx_BlockPoolPrioritize(&pool), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{_lx_BlockRelease(blocks[1]), Waiters::StatusOf(fiveLast), FirstWaiter(pool->sSuspendCtrl), ten.Done()}),
+  EXPECT_EQ((std::tuple{_lx_BlockRelease(blocks[1]), Waiters::StatusOf(fiveLast), FirstWaiter(pool->sSuspendCtrl),
+                        ten.Done()}),
             std::tuple(0, 0u, &at31.handle, false));
   ASSERT_EQ(_lx_BlockPoolDelete(&pool), LX_SUCCESS);
-  EXPECT_EQ((std::tuple{Waiters::StatusOf(at31), Waiters::StatusOf(ten), pool}), std::tuple(LX_DELETED, LX_DELETED, nullptr));
+  EXPECT_EQ((std::tuple{Waiters::StatusOf(at31), Waiters::StatusOf(ten), pool}),
+            std::tuple(LX_DELETED, LX_DELETED, nullptr));
   alignas(16) unsigned char foreign[32] = {};
   void* block = nullptr;
-  EXPECT_EQ((Statuses{_lx_BlockAllocate(&pool, &block, LX_NO_WAIT), _lx_BlockPoolPrioritize(&pool), _lx_BlockRelease(blocks[2]),
-                      _lx_BlockPoolDelete(&pool), Issue(CM_BLOCK_RELEASE, &pool), _lx_BlockRelease(foreign + 16),
-                      _lx_ByteRelease(foreign + 16)}),
+  EXPECT_EQ((Statuses{_lx_BlockAllocate(&pool, &block, LX_NO_WAIT), _lx_BlockPoolPrioritize(&pool),
+                      _lx_BlockRelease(blocks[2]), _lx_BlockPoolDelete(&pool), Issue(CM_BLOCK_RELEASE, &pool),
+                      _lx_BlockRelease(foreign + 16), _lx_ByteRelease(foreign + 16)}),
             Statuses(7, LX_POOL_ERROR));
-  for (void* b : {blocks[2], blocks[3], blocks[4], blocks[5], blocks[6], blocks[7], blocks[8], blocks[9], memory_[0], memory_[7]}) {
+  for (void* b : {blocks[2], blocks[3], blocks[4], blocks[5], blocks[6], blocks[7], blocks[8], blocks[9], memory_[0],
+                  memory_[7]}) {
     FreeArea(b);  // nothing else can free them now
   }
 }
@@ -119,7 +133,8 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndOneReleaseServesEver
   EXPECT_EQ((std::tuple{Waiters::StatusOf(timed), small.Done(), _lx_ByteRelease(taken[2]), Waiters::StatusOf(big)}),
             std::tuple(LX_NO_MEMORY, false, 0, 0u));
   Waiter& tiny = Wait(pool, 10, LX_WAIT_FOREVER, uint64_t{5});
-  EXPECT_EQ((std::tuple{available(), _lx_ByteRelease(memory_[1]), Waiters::StatusOf(small), Waiters::StatusOf(tiny), available()}),
+  EXPECT_EQ((std::tuple{available(), _lx_ByteRelease(memory_[1]), Waiters::StatusOf(small), Waiters::StatusOf(tiny),
+                        available()}),
             std::tuple(0u, 0, 0u, 0u, 40u));
   Waiter& last = Wait(pool, 10, LX_WAIT_FOREVER, uint64_t{90});
   char* name = nullptr;
@@ -135,9 +150,11 @@ TEST_F(PoolTest, BytesAreExactAFittingAllocationGoesAheadAndOneReleaseServesEver
 TEST_F(PoolTest, MemoryIsAlignedForAnyTypeAndTheTimerThreadAndOutsideThreadsAreRefused) {
   static LX_BLOCK_POOL blocks = nullptr, blocksFromTimer = nullptr;
   static LX_BYTE_POOL bytes = nullptr, bytesFromTimer = nullptr;
-  ASSERT_EQ((Statuses{_lx_BlockPoolCreate(&blocks, "odd", 20, g_area, 60), _lx_BytePoolCreate(&bytes, "b", g_area, 100)}),
-            (Statuses{0, 0}));
-  for (auto [memory, size] : {std::pair{Take(blocks), 20}, {Take(bytes, 1), 1}, {Take(bytes, 13), 13}, {Take(bytes, 64), 64}}) {
+  ASSERT_EQ(
+      (Statuses{_lx_BlockPoolCreate(&blocks, "odd", 20, g_area, 60), _lx_BytePoolCreate(&bytes, "b", g_area, 100)}),
+      (Statuses{0, 0}));
+  for (auto [memory, size] :
+       {std::pair{Take(blocks), 20}, {Take(bytes, 1), 1}, {Take(bytes, 13), 13}, {Take(bytes, 64), 64}}) {
     static_assert(alignof(long double) == alignof(std::max_align_t));
     EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignof(std::max_align_t), 0u) << size;
     if (size >= 16) *static_cast<long double*>(memory) = 2.5L;  // 16-aligned: the sanitizers check the store
@@ -145,11 +162,16 @@ TEST_F(PoolTest, MemoryIsAlignedForAnyTypeAndTheTimerThreadAndOutsideThreadsAreR
   }
   void *block = nullptr, *untouched = &untouched;
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
-                      _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
-                      _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
-                      _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
-                      _lx_BytePoolPrioritize(&bytes), _lx_BlockRelease(block)};
+              return {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32),
+                      _lx_BlockPoolDelete(&blocks),
+                      _lx_BlockAllocate(&blocks, &untouched, 5),
+                      _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
+                      _lx_BlockPoolPrioritize(&blocks),
+                      _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
+                      _lx_BytePoolDelete(&bytes),
+                      _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
+                      _lx_BytePoolPrioritize(&bytes),
+                      _lx_BlockRelease(block)};
             }),
             (Statuses{19, 19, LX_WAIT_ERROR, 0, 0, 19, 19, 19, 0, 0}));
   EXPECT_EQ((std::tuple{blocksFromTimer, bytesFromTimer, untouched}), std::tuple(nullptr, nullptr, (void*)&untouched));
@@ -157,10 +179,15 @@ TEST_F(PoolTest, MemoryIsAlignedForAnyTypeAndTheTimerThreadAndOutsideThreadsAreR
   Statuses outside;
   std::thread([&] {
     void* out = nullptr;
-    outside = {_lx_BlockAllocate(&blocks, &out, LX_NO_WAIT), _lx_BlockRelease(mine[0]),
+    outside = {_lx_BlockAllocate(&blocks, &out, LX_NO_WAIT),
+               _lx_BlockRelease(mine[0]),
                _lx_BlockRelease(nullptr),  // the caller is checked before the address
-               _lx_BlockPoolPrioritize(&blocks), _lx_BlockPoolDelete(&blocks), _lx_ByteAllocate(&bytes, &out, 1, LX_NO_WAIT),
-               _lx_ByteRelease(mine[1]), _lx_BytePoolPrioritize(&bytes), _lx_BytePoolDelete(&bytes),
+               _lx_BlockPoolPrioritize(&blocks),
+               _lx_BlockPoolDelete(&blocks),
+               _lx_ByteAllocate(&bytes, &out, 1, LX_NO_WAIT),
+               _lx_ByteRelease(mine[1]),
+               _lx_BytePoolPrioritize(&bytes),
+               _lx_BytePoolDelete(&bytes),
                _lx_ByteRelease(nullptr)};  // the address is checked before the caller
   }).join();
   EXPECT_EQ(outside, (Statuses{2, 2, 2, 2, 2, 2, 2, 2, 2, LX_PTR_ERROR}));
@@ -196,7 +223,7 @@ TEST_F(PoolTest, BytesWithoutHeapGoBackAndServeTheNextWaiter) {
   Waiter& first = Wait(pool, 32, LX_WAIT_FOREVER, uint64_t{300 * kMiB});
   Waiter& second = Wait(pool, 32, LX_WAIT_FOREVER, uint64_t{200 * kMiB});
   ASSERT_TRUE(limit(mapped() - kBudget + 100 * kMiB));  // once the budget's area is freed, 100 MiB more at most
-  ASSERT_EQ(_lx_ByteRelease(all), LX_SUCCESS);  // grants the 300, given back, which grants the 200, given back
+  ASSERT_EQ(_lx_ByteRelease(all), LX_SUCCESS);          // grants the 300, given back, which grants the 200, given back
   void* refused = &refused;
   EXPECT_EQ((std::tuple{Waiters::StatusOf(first), Waiters::StatusOf(second), memory_[0], memory_[1],
                         _lx_ByteAllocate(&pool, &refused, 300 * kMiB, 0), refused}),

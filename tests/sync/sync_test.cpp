@@ -20,9 +20,9 @@ class SyncTest : public KernelTest {
   Waiter& Wait(LX_EVENT_FLAGS& group, uint32_t requested, uint16_t option, uint32_t wait = LX_WAIT_FOREVER) {
     uint32_t& actual = actuals_.emplace_back(0);
     const uint32_t before = Peek(group->u32WaitCount);
-    return waiters_.Start([&group, &actual, requested, option, wait] {
-      return _lx_EventFlagsGet(&group, requested, option, &actual, wait);
-    }, [&group, before] { return Peek(group->u32WaitCount) == before + 1; });
+    return waiters_.Start([&group, &actual, requested, option,
+                           wait] { return _lx_EventFlagsGet(&group, requested, option, &actual, wait); },
+                          [&group, before] { return Peek(group->u32WaitCount) == before + 1; });
   }
   Waiters waiters_;
   std::deque<uint32_t> actuals_;
@@ -35,17 +35,20 @@ LX_THREAD* Owner(LX_MUTEX mutex) {
 
 TEST_F(SyncTest, MutexPutHandsOverToTheLongestWaiterOrWithInheritToTheBestPriorityNearestTheLastEnd) {
   static LX_MUTEX mutex = nullptr;
-  for (auto [inherit, priorityA, priorityB, toB] : {std::tuple{0, 10, 5, false}, {1, 10, 5, true}, {1, 5, 5, true},
-                                                    {1, 31, 32, true}, {1, 32, 32, true}}) {
+  for (auto [inherit, priorityA, priorityB, toB] :
+       {std::tuple{0, 10, 5, false}, {1, 10, 5, true}, {1, 5, 5, true}, {1, 31, 32, true}, {1, 32, 32, true}}) {
     SCOPED_TRACE(testing::Message() << inherit << " " << priorityA << " " << priorityB);
     ASSERT_EQ((Statuses{_lx_MutexCreate(&mutex, "m", inherit), _lx_MutexGet(&mutex, 0)}), (Statuses{0, 0}));
-    Waiter& a = waiters_.StartOn(mutex->sSuspendCtrl, [] { return _lx_MutexGet(&mutex, LX_WAIT_FOREVER); }, priorityA);
-    Waiter& b = waiters_.StartOn(mutex->sSuspendCtrl, [] { return _lx_MutexGet(&mutex, LX_WAIT_FOREVER); }, priorityB);
+    Waiter& a = waiters_.StartOn(
+        mutex->sSuspendCtrl, [] { return _lx_MutexGet(&mutex, LX_WAIT_FOREVER); }, priorityA);
+    Waiter& b = waiters_.StartOn(
+        mutex->sSuspendCtrl, [] { return _lx_MutexGet(&mutex, LX_WAIT_FOREVER); }, priorityB);
     Waiter &first = toB ? b : a, &second = toB ? a : b;
     // Handed over when the put returns; a put by another thread than the owner releases it all the same.
     EXPECT_EQ((std::tuple{_lx_MutexPut(&mutex), Owner(mutex), Waiters::StatusOf(first), second.Done()}),
               std::tuple(0, &first.handle, 0u, false));
-    EXPECT_EQ((std::tuple{_lx_MutexPut(&mutex), Owner(mutex), Waiters::StatusOf(second)}), std::tuple(0, &second.handle, 0u));
+    EXPECT_EQ((std::tuple{_lx_MutexPut(&mutex), Owner(mutex), Waiters::StatusOf(second)}),
+              std::tuple(0, &second.handle, 0u));
     EXPECT_EQ((std::tuple{_lx_MutexPut(&mutex), _lx_MutexPut(&mutex), Owner(mutex), _lx_MutexDelete(&mutex)}),
               std::tuple(0, 0, nullptr, 0));  // a free mutex stays free
   }
@@ -63,9 +66,10 @@ struct WaitClass {
 };
 const WaitClass kClasses[] = {
     {&g_mutex, CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_PRIORITIZE, CM_MUTEX_DELETE, LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE},
-    {&g_block, CM_SEMAPHORE_GET, CM_SEMAPHORE_PUT, CM_SEMAPHORE_PRIORITIZE, CM_SEMAPHORE_DELETE, LX_STATE_SEMAPHORE_WAIT,
-     LX_NO_INSTANCE},
-    {&g_group, CM_EVENT_FLAGS_GET, CM_EVENT_FLAGS_SET, 0, CM_EVENT_FLAGS_DELETE, LX_STATE_EVENT_FLAGS_WAIT, LX_NO_EVENTS}};
+    {&g_block, CM_SEMAPHORE_GET, CM_SEMAPHORE_PUT, CM_SEMAPHORE_PRIORITIZE, CM_SEMAPHORE_DELETE,
+     LX_STATE_SEMAPHORE_WAIT, LX_NO_INSTANCE},
+    {&g_group, CM_EVENT_FLAGS_GET, CM_EVENT_FLAGS_SET, 0, CM_EVENT_FLAGS_DELETE, LX_STATE_EVENT_FLAGS_WAIT,
+     LX_NO_EVENTS}};
 
 TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAreAbortedMovedAndDeleted) {
   g_block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));  // ceiling 0
@@ -75,16 +79,18 @@ TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAre
   static uint32_t actual = 0;
   for (const WaitClass& c : kClasses) {
     SCOPED_TRACE(c.get);
-    const SuspendCtrl& list = c.get == CM_MUTEX_GET        ? g_mutex->sSuspendCtrl
+    const SuspendCtrl& list = c.get == CM_MUTEX_GET         ? g_mutex->sSuspendCtrl
                               : c.get == CM_EVENT_FLAGS_GET ? g_group->sSuspendCtrl
                                                             : g_block->sSuspendCtrl;
     auto get = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& {
-      return waiters_.StartOn(list, [&c, wait] { return Issue(c.get, c.object, wait, 0x100, 1, &actual); }, priority);
+      return waiters_.StartOn(
+          list, [&c, wait] { return Issue(c.get, c.object, wait, 0x100, 1, &actual); }, priority);
     };
     Waiter& first = get(LX_WAIT_FOREVER);
     Waiter& second = get(LX_WAIT_FOREVER);
-    EXPECT_EQ((std::tuple{StateOf(first.handle), Issue(c.give, c.object, 0, 0x100), Waiters::StatusOf(first), second.Done()}),
-              std::tuple(c.state, 0, 0u, false));
+    EXPECT_EQ(
+        (std::tuple{StateOf(first.handle), Issue(c.give, c.object, 0, 0x100), Waiters::StatusOf(first), second.Done()}),
+        std::tuple(c.state, 0, 0u, false));
     EXPECT_EQ((std::tuple{Issue(c.give, c.object, 0, 0x100), Waiters::StatusOf(second)}), std::tuple(0, 0u));  // alone
     Waiter& late = get(5);
     Timer().RunPasses(5);
@@ -98,13 +104,15 @@ TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAre
     Waiter& at31 = get(LX_WAIT_FOREVER, 31);
     get(LX_WAIT_FOREVER, 32);
     if (c.prioritize != 0) {
-      EXPECT_EQ((std::tuple{Issue(c.prioritize, c.object), FirstWaiter(list)}), std::tuple(LX_NOT_AVAILABLE, &at31.handle));
+      EXPECT_EQ((std::tuple{Issue(c.prioritize, c.object), FirstWaiter(list)}),
+                std::tuple(LX_NOT_AVAILABLE, &at31.handle));
       get(LX_WAIT_FOREVER, 10);
       Waiter& moved = get(LX_WAIT_FOREVER, 10);  // ties with the one before it: the one nearer the last end moves
       EXPECT_EQ((std::tuple{Issue(c.prioritize, c.object), FirstWaiter(list)}), std::tuple(0, &moved.handle));
     }
     Waiter& finite = get(30);
-    EXPECT_EQ((std::tuple{Issue(c.remove, c.object), Waiters::StatusOf(at31), Waiters::StatusOf(finite), SleepAgentEntries()}),
+    EXPECT_EQ((std::tuple{Issue(c.remove, c.object), Waiters::StatusOf(at31), Waiters::StatusOf(finite),
+                          SleepAgentEntries()}),
               std::tuple(0, LX_DELETED, LX_DELETED, size_t{0}));
   }
 }
@@ -126,7 +134,8 @@ TEST_F(SyncTest, RequestsQueuedBehindADeleteFindNoMutex) {
   if (wake) WakeDispatcher();
   Statuses served;
   for (CmServiceRequest& request : requests) AwaitCompletion(request), served.push_back(request.u16Status);
-  EXPECT_EQ((std::tuple{mutex, served}), std::tuple(nullptr, Statuses{0, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR}));
+  EXPECT_EQ((std::tuple{mutex, served}),
+            std::tuple(nullptr, Statuses{0, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR}));
 }
 
 TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheMutexRegistryHoldsFifty) {
@@ -139,29 +148,45 @@ TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheMutexRegistryHoldsFif
   SuspendNode* f;
   for (int i = 0; i < 50; ++i) ASSERT_EQ(_lx_MutexCreate(&mutexes[i], "m", 0), LX_SUCCESS);
   LX_MUTEX* m = &mutexes[0];
-  EXPECT_EQ((Statuses{_lx_MutexCreate(nullptr, "x", 0), _lx_MutexCreate(&mutexes[50], "x", 2), _lx_MutexGet(&mutexes[50], 0),
-                      _lx_MutexInfoGet(m, &n, &u, &t, &f, &u, nullptr), _lx_MutexCreate(&mutexes[50], "full", 0),
-                      _lx_MutexDelete(&mutexes[7]), _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]),
-                      Issue(0x54, m), _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]), _lx_SemaphoreCreate(&s, "s", 1),
+  EXPECT_EQ((Statuses{_lx_MutexCreate(nullptr, "x", 0), _lx_MutexCreate(&mutexes[50], "x", 2),
+                      _lx_MutexGet(&mutexes[50], 0), _lx_MutexInfoGet(m, &n, &u, &t, &f, &u, nullptr),
+                      _lx_MutexCreate(&mutexes[50], "full", 0), _lx_MutexDelete(&mutexes[7]),
+                      _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]), Issue(0x54, m),
+                      _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]), _lx_SemaphoreCreate(&s, "s", 1),
                       _lx_EventFlagsCreate(&group, "g"), _lx_EventFlagsSet(&group, 0x6, LX_OR)}),
             (Statuses{LX_MUTEX_ERROR, LX_INHERIT_ERROR, LX_MUTEX_ERROR, LX_PTR_ERROR, LX_MUTEX_ERROR, 0, 0, 0,
                       LX_NOT_AVAILABLE, LX_MUTEX_ERROR, LX_MUTEX_ERROR, 0, 0, 0}));
   Statuses outside;  // not a thread of the system
   std::thread([&] {
-    outside = {_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexPrioritize(m), _lx_MutexDelete(m),
-               _lx_EventFlagsCreate(&created, "o"), _lx_EventFlagsGet(&group, 0x4, LX_OR, &u, 5)};
+    outside = {_lx_MutexGet(m, 0),
+               _lx_MutexPut(m),
+               _lx_MutexPrioritize(m),
+               _lx_MutexDelete(m),
+               _lx_EventFlagsCreate(&created, "o"),
+               _lx_EventFlagsGet(&group, 0x4, LX_OR, &u, 5)};
   }).join();
-  EXPECT_EQ(outside, (Statuses{LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR}));
+  EXPECT_EQ(outside, (Statuses{LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_CALLER_ERROR,
+                               LX_CALLER_ERROR}));
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&mutexFromTimer, "t", 0),
-                      _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, &g_block, 5), _lx_SemaphoreCreate(&fromTimer, "t", 0),
-                      _lx_SemaphoreGet(&s, 10), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0), _lx_SemaphorePut(&s),
-                      _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5), _lx_EventFlagsCreate(&created, "t"),
+              return {_lx_MutexGet(m, 0),
+                      _lx_MutexPut(m),
+                      _lx_MutexDelete(m),
+                      _lx_MutexCreate(&mutexFromTimer, "t", 0),
+                      _lx_MutexPrioritize(m),
+                      Issue(CM_SEMAPHORE_GET, &g_block, 5),
+                      _lx_SemaphoreCreate(&fromTimer, "t", 0),
+                      _lx_SemaphoreGet(&s, 10),
+                      _lx_SemaphoreGet(&s, 0),
+                      _lx_SemaphoreGet(&s, 0),
+                      _lx_SemaphorePut(&s),
+                      _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5),
+                      _lx_EventFlagsCreate(&created, "t"),
                       _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)};
             }),
-            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0, LX_WAIT_ERROR, LX_CALLER_ERROR, LX_WAIT_ERROR,
-                      0, LX_NO_INSTANCE, 0, LX_WAIT_ERROR, LX_CALLER_ERROR, 0}));
-  EXPECT_EQ((std::tuple{fromTimer, created, Peek(group->u32CurrentFlags), Peek(group->u32WaitCount), _lx_SemaphoreGet(&s, 0)}),
+            (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0, LX_WAIT_ERROR, LX_CALLER_ERROR,
+                      LX_WAIT_ERROR, 0, LX_NO_INSTANCE, 0, LX_WAIT_ERROR, LX_CALLER_ERROR, 0}));
+  EXPECT_EQ((std::tuple{fromTimer, created, Peek(group->u32CurrentFlags), Peek(group->u32WaitCount),
+                        _lx_SemaphoreGet(&s, 0)}),
             std::tuple(nullptr, nullptr, 0x2u, 0u, LX_SUCCESS));
 }
 
@@ -170,9 +195,9 @@ TEST_F(SyncTest, SemaphoreClassStopsAtItsCeilingAndRefusesAMissingBlock) {
   block->u32Ceiling = 2;
   auto issue = [](uint16_t code, uint32_t wait = 0) { return Issue(code, &block, wait); };
   CmSemaphoreControlBlock* none = nullptr;
-  EXPECT_EQ((Statuses{issue(CM_SEMAPHORE_PUT), issue(CM_SEMAPHORE_PUT), issue(CM_SEMAPHORE_PUT), issue(CM_SEMAPHORE_GET),
-                      issue(CM_SEMAPHORE_GET, LX_WAIT_FOREVER), issue(CM_SEMAPHORE_GET), issue(0x74),
-                      Issue(CM_SEMAPHORE_PUT, &none), Issue(CM_SEMAPHORE_GET, nullptr)}),
+  EXPECT_EQ((Statuses{issue(CM_SEMAPHORE_PUT), issue(CM_SEMAPHORE_PUT), issue(CM_SEMAPHORE_PUT),
+                      issue(CM_SEMAPHORE_GET), issue(CM_SEMAPHORE_GET, LX_WAIT_FOREVER), issue(CM_SEMAPHORE_GET),
+                      issue(0x74), Issue(CM_SEMAPHORE_PUT, &none), Issue(CM_SEMAPHORE_GET, nullptr)}),
             (Statuses{0, 0, 0, 0, 0, LX_NO_INSTANCE, LX_NOT_AVAILABLE, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR}));
 }
 
@@ -184,53 +209,67 @@ TEST_F(SyncTest, EventFlagsClassClearsAllTakesBitsLiterallyAndExaminesItsWaiters
     return Issue(CM_EVENT_FLAGS_GET, &group, wait, requested, option, actual);
   };
   uint32_t a = 0, c = 0;
-  EXPECT_EQ((std::tuple{set(0x6), get(0x2, 1, &a), a, Peek(group->u32CurrentFlags)}), std::tuple(0, 0, 0x6u, 0u));  // all cleared
+  EXPECT_EQ((std::tuple{set(0x6), get(0x2, 1, &a), a, Peek(group->u32CurrentFlags)}),
+            std::tuple(0, 0, 0x6u, 0u));  // all cleared
   EXPECT_EQ((Statuses{get(0, 2, &a), get(0, 0, &a), get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &a),
                       get(0x100000001ull, 0, &a), set(0x0A, 0x10002)}),  // the set option's low 16 bits: AND
             (Statuses{0, LX_NO_EVENTS, LX_PTR_ERROR, 0, LX_NO_EVENTS, 0, 0}));
   CmServiceRequest check{};  // the check alone never clears
   std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&group, 0x3, 2);
-  EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, set(0, 2)}), std::tuple(0, LX_NO_EVENTS, 0));
+  EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, set(0, 2)}),
+            std::tuple(0, LX_NO_EVENTS, 0));
   Waiter& all = waiters_.StartOn(group->sSuspendCtrl, [&] { return get(0x5, 2, &c, LX_WAIT_FOREVER); });
   // The direct side does not examine the class's waiters; the next set of the class does, even a refused one.
   EXPECT_EQ((std::tuple{set(0x1), all.Done(), _lx_EventFlagsSet(&group, 0x4, LX_OR), all.Done(), set(0x8, 1),
                         Waiters::StatusOf(all), c}),
             std::tuple(0, false, 0, false, LX_OPTION_ERROR, 0u, 0x5u));
   EXPECT_EQ((Statuses{Issue(0x34, &group), Issue(CM_EVENT_FLAGS_DELETE, &group), set(0x1), get(0x1, 0, &a),
-                      Issue(CM_EVENT_FLAGS_DELETE, &group), _lx_EventFlagsSet(&group, 1, 0), _lx_EventFlagsCreate(&group, "again")}),
-            (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));  // slot given back
+                      Issue(CM_EVENT_FLAGS_DELETE, &group), _lx_EventFlagsSet(&group, 1, 0),
+                      _lx_EventFlagsCreate(&group, "again")}),
+            (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR,
+                      0}));  // slot given back
 }
 
 TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndRefuseWhatTheyCannot) {
   static LX_SEMAPHORE s = nullptr, none = nullptr, big = nullptr;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 30)}),
+  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0),
+                      _lx_SemaphoreGet(&s, 30)}),
             (Statuses{0, 0, LX_NO_INSTANCE, LX_NO_INSTANCE}));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 290ms);
-  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX), _lx_SemaphorePut(&big), _lx_SemaphoreCreate(nullptr, "x", 0),
-                      _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr), _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none)}),
+  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX), _lx_SemaphorePut(&big),
+                      _lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr),
+                      _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none)}),
             (Statuses{0, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, 0, 0}));
 }
 
 TEST_F(SyncTest, EventFlagsMatchByTheRuleAndCheckTheirOptionsInOrder) {
   // (current, requested, option: 0 OR, 1 OR_CLEAR, 2 AND, 3 AND_CLEAR) -> satisfied
-  for (auto [current, requested, option, expected] :
-       {std::tuple{0u, 0u, 2, 0u}, {0x5u, 0u, 2, 0u}, {0u, 0x1u, 0, 0u}, {0x5u, 0x4u, 0, 1u}, {0x5u, 0x6u, 1, 1u},
-        {0x5u, 0x6u, 2, 0u}, {0x7u, 0x6u, 3, 1u}, {0x4u, 0x5u, 3, 0u}, {0x5u, 0x6u, 6, 1u}}) {
+  for (auto [current, requested, option, expected] : {std::tuple{0u, 0u, 2, 0u},
+                                                      {0x5u, 0u, 2, 0u},
+                                                      {0u, 0x1u, 0, 0u},
+                                                      {0x5u, 0x4u, 0, 1u},
+                                                      {0x5u, 0x6u, 1, 1u},
+                                                      {0x5u, 0x6u, 2, 0u},
+                                                      {0x7u, 0x6u, 3, 1u},
+                                                      {0x4u, 0x5u, 3, 0u},
+                                                      {0x5u, 0x6u, 6, 1u}}) {
     EXPECT_EQ(EventFlagCmp(current, requested, static_cast<uint16_t>(option)), expected) << current << " " << requested;
   }
   static LX_EVENT_FLAGS group = nullptr;
   ASSERT_EQ(_lx_EventFlagsCreate(&group, "flags"), LX_SUCCESS);
   LX_EVENT_FLAGS unknown = group;  // names the record, but is not a registered handle
   uint32_t actual = 0;
-  EXPECT_EQ((Statuses{_lx_EventFlagsSet(&group, 0x0F, LX_OR), _lx_EventFlagsGet(&group, 0x30, LX_OR, &actual, 0),
-                      _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0), actual, Peek(group->u32CurrentFlags),
-                      _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0), _lx_EventFlagsGet(&unknown, 1, 9, nullptr, 5),
-                      _lx_EventFlagsGet(&group, 1, 9, nullptr, 5), _lx_EventFlagsGet(&group, 1, 4, &actual, 5),
-                      _lx_EventFlagsSet(&unknown, 1, 9), _lx_EventFlagsSet(nullptr, 1, 0), _lx_EventFlagsSet(&group, 0x06, LX_AND),
-                      _lx_EventFlagsSet(&group, 0xFF, 1), _lx_EventFlagsSet(&group, 0xFF, 4), Peek(group->u32CurrentFlags)}),
-            (Statuses{0, LX_NO_EVENTS, 0, 0x0F, 0x0A, LX_NO_EVENTS, LX_GROUP_ERROR, LX_PTR_ERROR, LX_OPTION_ERROR,
-                      LX_GROUP_ERROR, LX_GROUP_ERROR, 0, LX_OPTION_ERROR, LX_OPTION_ERROR, 0x02}));
+  EXPECT_EQ(
+      (Statuses{_lx_EventFlagsSet(&group, 0x0F, LX_OR), _lx_EventFlagsGet(&group, 0x30, LX_OR, &actual, 0),
+                _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0), actual, Peek(group->u32CurrentFlags),
+                _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0),
+                _lx_EventFlagsGet(&unknown, 1, 9, nullptr, 5), _lx_EventFlagsGet(&group, 1, 9, nullptr, 5),
+                _lx_EventFlagsGet(&group, 1, 4, &actual, 5), _lx_EventFlagsSet(&unknown, 1, 9),
+                _lx_EventFlagsSet(nullptr, 1, 0), _lx_EventFlagsSet(&group, 0x06, LX_AND),
+                _lx_EventFlagsSet(&group, 0xFF, 1), _lx_EventFlagsSet(&group, 0xFF, 4), Peek(group->u32CurrentFlags)}),
+      (Statuses{0, LX_NO_EVENTS, 0, 0x0F, 0x0A, LX_NO_EVENTS, LX_GROUP_ERROR, LX_PTR_ERROR, LX_OPTION_ERROR,
+                LX_GROUP_ERROR, LX_GROUP_ERROR, 0, LX_OPTION_ERROR, LX_OPTION_ERROR, 0x02}));
 }
 
 TEST_F(SyncTest, AGroupSetWakesEverySatisfiedWaiterAndClearsOnlyForTheLaterOnes) {
@@ -241,15 +280,18 @@ TEST_F(SyncTest, AGroupSetWakesEverySatisfiedWaiterAndClearsOnlyForTheLaterOnes)
   Waiter& any = Wait(group, 0x1, LX_OR);
   Waiter& all = Wait(group, 0x1, LX_AND);
   Waiter& more = Wait(group, 0x3, LX_AND);
-  EXPECT_EQ((std::tuple{set(0x1), Waiters::StatusOf(any), Waiters::StatusOf(all), actuals_[0], actuals_[1], more.Done()}),
-            std::tuple(0, 0u, 0u, 1u, 1u, false));
-  EXPECT_EQ((std::tuple{set(0x2), Waiters::StatusOf(more), actuals_[2], state()}), std::tuple(0, 0u, 3u, std::tuple(3u, 0u)));
+  EXPECT_EQ(
+      (std::tuple{set(0x1), Waiters::StatusOf(any), Waiters::StatusOf(all), actuals_[0], actuals_[1], more.Done()}),
+      std::tuple(0, 0u, 0u, 1u, 1u, false));
+  EXPECT_EQ((std::tuple{set(0x2), Waiters::StatusOf(more), actuals_[2], state()}),
+            std::tuple(0, 0u, 3u, std::tuple(3u, 0u)));
   ASSERT_EQ(_lx_EventFlagsSet(&group, 0, LX_AND), LX_SUCCESS);
   Waiter& a = Wait(group, 0x1, LX_OR_CLEAR);
   Waiter& b = Wait(group, 0x1, LX_OR_CLEAR);
   EXPECT_EQ((std::tuple{set(0x1), Waiters::StatusOf(a), actuals_[3], state(), b.Done()}),  // cleared for the later
             std::tuple(0, 0u, 1u, std::tuple(0u, 1u), false));
-  EXPECT_EQ((std::tuple{set(0x3), Waiters::StatusOf(b), actuals_[4], state()}), std::tuple(0, 0u, 3u, std::tuple(2u, 0u)));
+  EXPECT_EQ((std::tuple{set(0x3), Waiters::StatusOf(b), actuals_[4], state()}),
+            std::tuple(0, 0u, 3u, std::tuple(2u, 0u)));
   // A wait abort does not end a direct wait; its time-out withdraws it, and nothing armed takes a later set.
   Waiter& timed = Wait(group, 0x8, LX_OR, 40);
   EXPECT_EQ((std::tuple{_lx_ThreadWaitAbort(&timed.handle), Waiters::StatusOf(timed), set(0x8), state()}),
