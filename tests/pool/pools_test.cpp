@@ -161,34 +161,26 @@ TEST_F(PoolTest, MemoryIsAlignedForAnyTypeAndTheTimerThreadAndOutsideThreadsAreR
     EXPECT_EQ(size == 20 ? _lx_BlockRelease(memory) : _lx_ByteRelease(memory), LX_SUCCESS) << size;
   }
   void *block = nullptr, *untouched = &untouched;
-  EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32),
-                      _lx_BlockPoolDelete(&blocks),
-                      _lx_BlockAllocate(&blocks, &untouched, 5),
-                      _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
-                      _lx_BlockPoolPrioritize(&blocks),
-                      _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
-                      _lx_BytePoolDelete(&bytes),
-                      _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
-                      _lx_BytePoolPrioritize(&bytes),
-                      _lx_BlockRelease(block)};
-            }),
-            (Statuses{19, 19, LX_WAIT_ERROR, 0, 0, 19, 19, 19, 0, 0}));
+  EXPECT_EQ(
+      OnTimerThread([&]() -> Statuses {
+        return (Statuses{_lx_BlockPoolCreate(&blocksFromTimer, "t", 16, g_area, 32), _lx_BlockPoolDelete(&blocks),
+                         _lx_BlockAllocate(&blocks, &untouched, 5), _lx_BlockAllocate(&blocks, &block, LX_NO_WAIT),
+                         _lx_BlockPoolPrioritize(&blocks), _lx_BytePoolCreate(&bytesFromTimer, "t", g_area, 100),
+                         _lx_BytePoolDelete(&bytes), _lx_ByteAllocate(&bytes, &untouched, 1, LX_NO_WAIT),
+                         _lx_BytePoolPrioritize(&bytes), _lx_BlockRelease(block)});
+      }),
+      (Statuses{19, 19, LX_WAIT_ERROR, 0, 0, 19, 19, 19, 0, 0}));
   EXPECT_EQ((std::tuple{blocksFromTimer, bytesFromTimer, untouched}), std::tuple(nullptr, nullptr, (void*)&untouched));
   void* mine[2] = {Take(blocks), Take(bytes, 10)};
   Statuses outside;
   std::thread([&] {
     void* out = nullptr;
-    outside = {_lx_BlockAllocate(&blocks, &out, LX_NO_WAIT),
-               _lx_BlockRelease(mine[0]),
-               _lx_BlockRelease(nullptr),  // the caller is checked before the address
-               _lx_BlockPoolPrioritize(&blocks),
-               _lx_BlockPoolDelete(&blocks),
-               _lx_ByteAllocate(&bytes, &out, 1, LX_NO_WAIT),
-               _lx_ByteRelease(mine[1]),
-               _lx_BytePoolPrioritize(&bytes),
-               _lx_BytePoolDelete(&bytes),
-               _lx_ByteRelease(nullptr)};  // the address is checked before the caller
+    outside = (Statuses{_lx_BlockAllocate(&blocks, &out, LX_NO_WAIT), _lx_BlockRelease(mine[0]),
+                        _lx_BlockRelease(nullptr),  // the caller is checked before the address
+                        _lx_BlockPoolPrioritize(&blocks), _lx_BlockPoolDelete(&blocks),
+                        _lx_ByteAllocate(&bytes, &out, 1, LX_NO_WAIT), _lx_ByteRelease(mine[1]),
+                        _lx_BytePoolPrioritize(&bytes), _lx_BytePoolDelete(&bytes),
+                        _lx_ByteRelease(nullptr)});  // the address is checked before the caller
   }).join();
   EXPECT_EQ(outside, (Statuses{2, 2, 2, 2, 2, 2, 2, 2, 2, LX_PTR_ERROR}));
   EXPECT_EQ((Statuses{Peek(blocks->u32AvailableBlocks), Peek(bytes->u32AvailableBytes), _lx_BlockRelease(mine[0]),

@@ -158,30 +158,18 @@ TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheMutexRegistryHoldsFif
                       LX_NOT_AVAILABLE, LX_MUTEX_ERROR, LX_MUTEX_ERROR, 0, 0, 0}));
   Statuses outside;  // not a thread of the system
   std::thread([&] {
-    outside = {_lx_MutexGet(m, 0),
-               _lx_MutexPut(m),
-               _lx_MutexPrioritize(m),
-               _lx_MutexDelete(m),
-               _lx_EventFlagsCreate(&created, "o"),
-               _lx_EventFlagsGet(&group, 0x4, LX_OR, &u, 5)};
+    outside = (Statuses{_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexPrioritize(m), _lx_MutexDelete(m),
+                        _lx_EventFlagsCreate(&created, "o"), _lx_EventFlagsGet(&group, 0x4, LX_OR, &u, 5)});
   }).join();
   EXPECT_EQ(outside, (Statuses{LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_CALLER_ERROR,
                                LX_CALLER_ERROR}));
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return {_lx_MutexGet(m, 0),
-                      _lx_MutexPut(m),
-                      _lx_MutexDelete(m),
-                      _lx_MutexCreate(&mutexFromTimer, "t", 0),
-                      _lx_MutexPrioritize(m),
-                      Issue(CM_SEMAPHORE_GET, &g_block, 5),
-                      _lx_SemaphoreCreate(&fromTimer, "t", 0),
-                      _lx_SemaphoreGet(&s, 10),
-                      _lx_SemaphoreGet(&s, 0),
-                      _lx_SemaphoreGet(&s, 0),
-                      _lx_SemaphorePut(&s),
-                      _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5),
-                      _lx_EventFlagsCreate(&created, "t"),
-                      _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)};
+              return (Statuses{
+                  _lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&mutexFromTimer, "t", 0),
+                  _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, &g_block, 5), _lx_SemaphoreCreate(&fromTimer, "t", 0),
+                  _lx_SemaphoreGet(&s, 10), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0), _lx_SemaphorePut(&s),
+                  _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5), _lx_EventFlagsCreate(&created, "t"),
+                  _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)});
             }),
             (Statuses{LX_CALLER_ERROR, LX_CALLER_ERROR, LX_CALLER_ERROR, 0, 0, LX_WAIT_ERROR, LX_CALLER_ERROR,
                       LX_WAIT_ERROR, 0, LX_NO_INSTANCE, 0, LX_WAIT_ERROR, LX_CALLER_ERROR, 0}));
@@ -245,16 +233,11 @@ TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndRefuseWhatTheyCannot) {
 
 TEST_F(SyncTest, EventFlagsMatchByTheRuleAndCheckTheirOptionsInOrder) {
   // (current, requested, option: 0 OR, 1 OR_CLEAR, 2 AND, 3 AND_CLEAR) -> satisfied
-  for (auto [current, requested, option, expected] : {std::tuple{0u, 0u, 2, 0u},
-                                                      {0x5u, 0u, 2, 0u},
-                                                      {0u, 0x1u, 0, 0u},
-                                                      {0x5u, 0x4u, 0, 1u},
-                                                      {0x5u, 0x6u, 1, 1u},
-                                                      {0x5u, 0x6u, 2, 0u},
-                                                      {0x7u, 0x6u, 3, 1u},
-                                                      {0x4u, 0x5u, 3, 0u},
-                                                      {0x5u, 0x6u, 6, 1u}}) {
-    EXPECT_EQ(EventFlagCmp(current, requested, static_cast<uint16_t>(option)), expected) << current << " " << requested;
+  using Row = std::tuple<uint32_t, uint32_t, uint16_t, uint32_t>;
+  for (auto [current, requested, option, expected] :
+       {Row{0u, 0u, 2, 0u}, Row{0x5u, 0u, 2, 0u}, Row{0u, 0x1u, 0, 0u}, Row{0x5u, 0x4u, 0, 1u}, Row{0x5u, 0x6u, 1, 1u},
+        Row{0x5u, 0x6u, 2, 0u}, Row{0x7u, 0x6u, 3, 1u}, Row{0x4u, 0x5u, 3, 0u}, Row{0x5u, 0x6u, 6, 1u}}) {
+    EXPECT_EQ(EventFlagCmp(current, requested, option), expected) << current << " " << requested;
   }
   static LX_EVENT_FLAGS group = nullptr;
   ASSERT_EQ(_lx_EventFlagsCreate(&group, "flags"), LX_SUCCESS);
