@@ -54,34 +54,33 @@ TEST_F(SyncTest, MutexPutHandsOverToTheLongestWaiterOrWithInheritToTheBestPriori
   }
 }
 
-// The dispatcher's waiting classes, each with a get that must wait: its object, service codes (no
-// prioritize: 0), waiting state and time-out status. A give serves one waiter: a put, or a set of the
+// The dispatcher's waiting classes, each with a get that must wait: its object and list, service codes
+// (no prioritize: 0), waiting state and time-out status. A give serves one waiter: a put, or a set of the
 // flag that each get asks for and clears.
-LX_MUTEX g_mutex = nullptr;
-CmSemaphoreControlBlock* g_block = nullptr;
-LX_EVENT_FLAGS g_group = nullptr;
 struct WaitClass {
   void* object;
+  const SuspendCtrl& list;
   uint16_t get, give, prioritize, remove, state, timeout;
 };
-const WaitClass kClasses[] = {
-    {&g_mutex, CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_PRIORITIZE, CM_MUTEX_DELETE, LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE},
-    {&g_block, CM_SEMAPHORE_GET, CM_SEMAPHORE_PUT, CM_SEMAPHORE_PRIORITIZE, CM_SEMAPHORE_DELETE,
-     LX_STATE_SEMAPHORE_WAIT, LX_NO_INSTANCE},
-    {&g_group, CM_EVENT_FLAGS_GET, CM_EVENT_FLAGS_SET, 0, CM_EVENT_FLAGS_DELETE, LX_STATE_EVENT_FLAGS_WAIT,
-     LX_NO_EVENTS}};
 
 TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAreAbortedMovedAndDeleted) {
-  g_block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));  // ceiling 0
-  EXPECT_EQ((Statuses{_lx_MutexCreate(&g_mutex, "m", 0), _lx_MutexGet(&g_mutex, 0), _lx_MutexGet(&g_mutex, 0),
-                      _lx_EventFlagsCreate(&g_group, "class")}),
+  static LX_MUTEX mutex = nullptr;
+  static auto* block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
+  static LX_EVENT_FLAGS group = nullptr;
+  EXPECT_EQ((Statuses{_lx_MutexCreate(&mutex, "m", 0), _lx_MutexGet(&mutex, 0), _lx_MutexGet(&mutex, 0),
+                      _lx_EventFlagsCreate(&group, "class")}),
             (Statuses{0, 0, LX_NOT_AVAILABLE, 0}));  // the owner too: no ownership count
+  const WaitClass classes[] = {
+      {&mutex, mutex->sSuspendCtrl, CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_PRIORITIZE, CM_MUTEX_DELETE,
+       LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE},
+      {&block, block->sSuspendCtrl, CM_SEMAPHORE_GET, CM_SEMAPHORE_PUT, CM_SEMAPHORE_PRIORITIZE, CM_SEMAPHORE_DELETE,
+       LX_STATE_SEMAPHORE_WAIT, LX_NO_INSTANCE},  // ceiling 0: a put without waiters is lost
+      {&group, group->sSuspendCtrl, CM_EVENT_FLAGS_GET, CM_EVENT_FLAGS_SET, 0, CM_EVENT_FLAGS_DELETE,
+       LX_STATE_EVENT_FLAGS_WAIT, LX_NO_EVENTS}};
   static uint32_t actual = 0;
-  for (const WaitClass& c : kClasses) {
+  for (const WaitClass& c : classes) {
     SCOPED_TRACE(c.get);
-    const SuspendCtrl& list = c.get == CM_MUTEX_GET         ? g_mutex->sSuspendCtrl
-                              : c.get == CM_EVENT_FLAGS_GET ? g_group->sSuspendCtrl
-                                                            : g_block->sSuspendCtrl;
+    const SuspendCtrl& list = c.list;
     auto get = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& {
       return waiters_.StartOn(
           list, [&c, wait] { return Issue(c.get, c.object, wait, 0x100, 1, &actual); }, priority);
@@ -138,24 +137,33 @@ TEST_F(SyncTest, RequestsQueuedBehindADeleteFindNoMutex) {
             std::tuple(nullptr, Statuses{0, LX_MUTEX_ERROR, LX_MUTEX_ERROR, LX_MUTEX_ERROR}));
 }
 
-TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheMutexRegistryHoldsFifty) {
+TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndCreationsOutputsAndCallersAreChecked) {
   static LX_MUTEX mutexes[51], mutexFromTimer = nullptr;
-  static LX_SEMAPHORE s = nullptr, fromTimer = nullptr;
+  static LX_SEMAPHORE s = nullptr, fromTimer = nullptr, none = nullptr, big = nullptr;
   static LX_EVENT_FLAGS group = nullptr, created = nullptr;
   char* n = nullptr;
   uint32_t u = 0;
   LX_THREAD* t;
   SuspendNode* f;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(
+      (Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0),
+                _lx_SemaphoreGet(&s, 30), _lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX), _lx_SemaphorePut(&big),
+                _lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr),
+                _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none), _lx_SemaphorePut(&s)}),
+      (Statuses{0, 0, LX_NO_INSTANCE, LX_NO_INSTANCE, 0, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR,
+                LX_SEMAPHORE_ERROR, 0, 0, 0}));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 290ms);  // the 30-tick get waited its time
   for (int i = 0; i < 50; ++i) ASSERT_EQ(_lx_MutexCreate(&mutexes[i], "m", 0), LX_SUCCESS);
   LX_MUTEX* m = &mutexes[0];
-  EXPECT_EQ((Statuses{_lx_MutexCreate(nullptr, "x", 0), _lx_MutexCreate(&mutexes[50], "x", 2),
-                      _lx_MutexGet(&mutexes[50], 0), _lx_MutexInfoGet(m, &n, &u, &t, &f, &u, nullptr),
-                      _lx_MutexCreate(&mutexes[50], "full", 0), _lx_MutexDelete(&mutexes[7]),
-                      _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]), Issue(0x54, m),
-                      _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]), _lx_SemaphoreCreate(&s, "s", 1),
-                      _lx_EventFlagsCreate(&group, "g"), _lx_EventFlagsSet(&group, 0x6, LX_OR)}),
-            (Statuses{LX_MUTEX_ERROR, LX_INHERIT_ERROR, LX_MUTEX_ERROR, LX_PTR_ERROR, LX_MUTEX_ERROR, 0, 0, 0,
-                      LX_NOT_AVAILABLE, LX_MUTEX_ERROR, LX_MUTEX_ERROR, 0, 0, 0}));
+  EXPECT_EQ(
+      (Statuses{_lx_MutexCreate(nullptr, "x", 0), _lx_MutexCreate(&mutexes[50], "x", 2), _lx_MutexGet(&mutexes[50], 0),
+                _lx_MutexInfoGet(m, &n, &u, &t, &f, &u, nullptr), _lx_MutexCreate(&mutexes[50], "full", 0),
+                _lx_MutexDelete(&mutexes[7]), _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]),
+                Issue(0x54, m), _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]),
+                _lx_EventFlagsCreate(&group, "g"), _lx_EventFlagsSet(&group, 0x6, LX_OR)}),
+      (Statuses{LX_MUTEX_ERROR, LX_INHERIT_ERROR, LX_MUTEX_ERROR, LX_PTR_ERROR, LX_MUTEX_ERROR, 0, 0, 0,
+                LX_NOT_AVAILABLE, LX_MUTEX_ERROR, LX_MUTEX_ERROR, 0, 0}));
   Statuses outside;  // not a thread of the system
   std::thread([&] {
     outside = (Statuses{_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexPrioritize(m), _lx_MutexDelete(m),
@@ -166,7 +174,7 @@ TEST_F(SyncTest, CreationsOutputsAndCallersAreCheckedAndTheMutexRegistryHoldsFif
   EXPECT_EQ(OnTimerThread([&]() -> Statuses {
               return (Statuses{
                   _lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&mutexFromTimer, "t", 0),
-                  _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, &g_block, 5), _lx_SemaphoreCreate(&fromTimer, "t", 0),
+                  _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, nullptr, 5), _lx_SemaphoreCreate(&fromTimer, "t", 0),
                   _lx_SemaphoreGet(&s, 10), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0), _lx_SemaphorePut(&s),
                   _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5), _lx_EventFlagsCreate(&created, "t"),
                   _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)});
@@ -218,20 +226,7 @@ TEST_F(SyncTest, EventFlagsClassClearsAllTakesBitsLiterallyAndExaminesItsWaiters
                       0}));  // slot given back
 }
 
-TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndRefuseWhatTheyCannot) {
-  static LX_SEMAPHORE s = nullptr, none = nullptr, big = nullptr;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0),
-                      _lx_SemaphoreGet(&s, 30)}),
-            (Statuses{0, 0, LX_NO_INSTANCE, LX_NO_INSTANCE}));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 290ms);
-  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX), _lx_SemaphorePut(&big),
-                      _lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr),
-                      _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none)}),
-            (Statuses{0, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, 0, 0}));
-}
-
-TEST_F(SyncTest, EventFlagsMatchByTheRuleAndCheckTheirOptionsInOrder) {
+TEST_F(SyncTest, EventFlagsMatchByTheRuleCheckOptionsInOrderAndASetWakesEverySatisfiedWaiter) {
   // (current, requested, option: 0 OR, 1 OR_CLEAR, 2 AND, 3 AND_CLEAR) -> satisfied
   using Row = std::tuple<uint32_t, uint32_t, uint16_t, uint32_t>;
   for (auto [current, requested, option, expected] :
@@ -253,11 +248,7 @@ TEST_F(SyncTest, EventFlagsMatchByTheRuleAndCheckTheirOptionsInOrder) {
                 _lx_EventFlagsSet(&group, 0xFF, 1), _lx_EventFlagsSet(&group, 0xFF, 4), Peek(group->u32CurrentFlags)}),
       (Statuses{0, LX_NO_EVENTS, 0, 0x0F, 0x0A, LX_NO_EVENTS, LX_GROUP_ERROR, LX_PTR_ERROR, LX_OPTION_ERROR,
                 LX_GROUP_ERROR, LX_GROUP_ERROR, 0, LX_OPTION_ERROR, LX_OPTION_ERROR, 0x02}));
-}
-
-TEST_F(SyncTest, AGroupSetWakesEverySatisfiedWaiterAndClearsOnlyForTheLaterOnes) {
-  static LX_EVENT_FLAGS group = nullptr;
-  ASSERT_EQ(_lx_EventFlagsCreate(&group, "order"), LX_SUCCESS);
+  ASSERT_EQ(_lx_EventFlagsSet(&group, 0, LX_AND), LX_SUCCESS);
   auto set = [](uint32_t flags) { return _lx_EventFlagsSet(&group, flags, LX_OR); };
   auto state = [] { return std::tuple(Peek(group->u32CurrentFlags), Peek(group->u32WaitCount)); };
   Waiter& any = Wait(group, 0x1, LX_OR);
