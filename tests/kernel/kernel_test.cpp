@@ -10,6 +10,7 @@
 #include "kernel/deadline.h"
 #include "kernel/platform.h"
 #include "quorvin/lx_mutex.h"
+#include "quorvin/lx_semaphore.h"
 #include "support/kernel_fixture.h"
 
 namespace {
@@ -43,6 +44,17 @@ TEST(KernelTest, PidListLinesAreCutAt1023AndDeadlinesCarryOnce) {
     const timespec deadline = DeadlineAfter(timespec{100, ns}, ticks);
     EXPECT_EQ(std::tuple(deadline.tv_sec, deadline.tv_nsec), std::tuple(wantS, wantNs)) << ticks;
   }
+}
+
+// Without the platform's log library a diagnostic is one line on standard error.
+TEST(KernelTest, DiagnosticsWithoutThePlatformLogAreLinesOnStandardError) {
+  LX_SEMAPHORE none = nullptr;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(_lx_SemaphoreGet(&none, LX_NO_WAIT), LX_SUCCESS);
+  EXPECT_EQ(_lx_SemaphorePut(&none), LX_SUCCESS);
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "_lx_SemaphoreGet: Invalid sempaphore to return! sem (nil)\n_lx_SemaphorePut: Invalid sempaphore to return!\n");
 }
 
 // Runs body in a forked child (while this process has one thread) with its output captured.
