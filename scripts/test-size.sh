@@ -6,12 +6,15 @@
 #   test code  tests/, the soak drivers (bench/soak*), the demo and example
 #              checks (examples/check_*), and every other stress driver
 #
+# Both sides count their C and C++ sources and scripts; the CMake files that
+# only build the tests are left out, as the library's build files are.
+#
 #   scripts/test-size.sh            prints both counts and the ratio
 #   scripts/test-size.sh --check    also fails when the ratio is above 0.40
 #                                   (QUORVIN_TEST_RATIO_MAX overrides it)
 #   scripts/test-size.sh --files    also lists each test file's count
 #
-# C and C++ files lose their // and /* */ comments; shell, CMake, Python,
+# C and C++ files lose their // and /* */ comments; shell, Python,
 # awk and bpftrace files lose the lines that start with #. C and C++ files are
 # counted as clang-format lays them out with the project's .clang-format, so
 # how a file happens to be wrapped does not change its count; where
@@ -84,10 +87,9 @@ count() {  # count <file...>: code lines of the files together
     END { print code + 0 }' "$@" /dev/null
 }
 
-files() {  # files <path...>: the source files under the paths
+files() {  # files <path...>: the source files under the paths (CMake files only build, they are not counted)
   find "$@" -type f \( -name '*.c' -o -name '*.cc' -o -name '*.cpp' -o -name '*.h' \
-    -o -name '*.hpp' -o -name '*.sh' -o -name '*.py' -o -name '*.cmake' \
-    -o -name 'CMakeLists.txt' -o -name '*.awk' -o -name '*.bt' \) 2>/dev/null | sort
+    -o -name '*.hpp' -o -name '*.sh' -o -name '*.py' -o -name '*.awk' -o -name '*.bt' \) 2>/dev/null | sort
 }
 
 mapfile -t library < <(files cm kernel thread sync pool queue timer include)
