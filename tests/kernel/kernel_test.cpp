@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include "kernel/deadline.h"
 #include "kernel/platform.h"
 #include "quorvin/lx_mutex.h"
 #include "quorvin/lx_semaphore.h"
@@ -29,7 +28,7 @@ namespace {
 using namespace quorvin::detail;
 using testing::StartsWith;
 
-TEST(KernelTest, PidListLinesAreCutAt1023AndDeadlinesCarryOnce) {
+TEST(KernelTest, PidListLinesAreCutAt1023AndWithoutThePlatformLogDiagnosticsGoToStandardError) {
   QUORVIN_REQUIRE_ISOLATION();
   const int descriptors = OpenDescriptorCount();
   SaveLogFile(LX_PID_LIST_PATH, "left over from an earlier run\n");
@@ -38,17 +37,7 @@ TEST(KernelTest, PidListLinesAreCutAt1023AndDeadlinesCarryOnce) {
   SaveLogFile(LX_PID_LIST_PATH, "%s", std::string(1500, 'x').c_str());
   EXPECT_EQ(PidListLines(), (std::vector<std::string>{"Name: worker, pid:42", std::string(1023, 'x')}));
   EXPECT_EQ(OpenDescriptorCount(), descriptors);
-  for (auto [ns, ticks, wantS, wantNs] : {std::tuple{600'000'000L, 50u, 101, 100'000'000L},
-                                          {999'999'999L, 99u, 101, 989'999'999L},
-                                          {5L, 0xFFFFFFFEu, 42949772, 940'000'005L}}) {
-    const timespec deadline = DeadlineAfter(timespec{100, ns}, ticks);
-    EXPECT_EQ(std::tuple(deadline.tv_sec, deadline.tv_nsec), std::tuple(wantS, wantNs)) << ticks;
-  }
-}
-
-// Without the platform's log library a diagnostic is one line on standard error.
-TEST(KernelTest, DiagnosticsWithoutThePlatformLogAreLinesOnStandardError) {
-  LX_SEMAPHORE none = nullptr;
+  LX_SEMAPHORE none = nullptr;  // without the platform's log library a diagnostic is a line on standard error
   testing::internal::CaptureStderr();
   EXPECT_EQ(_lx_SemaphoreGet(&none, LX_NO_WAIT), LX_SUCCESS);
   EXPECT_EQ(_lx_SemaphorePut(&none), LX_SUCCESS);
