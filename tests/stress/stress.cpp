@@ -69,11 +69,21 @@ void* Quick(uint64_t ticks) { return _lx_ThreadSleep(ticks % 3), nullptr; }
 // The objects the rows create, use and delete: three handle words (or framed queues) per class.
 template <typename T>
 using Slots = std::array<T, 3>;
-struct Objects : Slots<LX_MUTEX>, Slots<LX_EVENT_FLAGS>, Slots<LX_BLOCK_POOL>, Slots<LX_BYTE_POOL>, Slots<LX_SEMAPHORE>,
-                 Slots<LX_QUEUE>, Slots<FramedQueueCtrl>, Slots<CM_QUEUE>, Slots<LX_TIMER>, Slots<LX_THREAD> {
+struct Objects : Slots<LX_MUTEX>,
+                 Slots<LX_EVENT_FLAGS>,
+                 Slots<LX_BLOCK_POOL>,
+                 Slots<LX_BYTE_POOL>,
+                 Slots<LX_SEMAPHORE>,
+                 Slots<LX_QUEUE>,
+                 Slots<FramedQueueCtrl>,
+                 Slots<CM_QUEUE>,
+                 Slots<LX_TIMER>,
+                 Slots<LX_THREAD> {
 } g_objects;
 template <typename T>
-T& Slot(uint64_t i) { return static_cast<Slots<T>&>(g_objects)[i % 3]; }
+T& Slot(uint64_t i) {
+  return static_cast<Slots<T>&>(g_objects)[i % 3];
+}
 alignas(8) uint8_t g_framedBuffer[3][2048];
 
 // A value for a parameter of type T. In a create (a service with a name) a handle is an empty slot or NULL, as a
@@ -88,13 +98,19 @@ T Arg(Rng& r) {
                              std::is_same_v<Word, LX_BLOCK_POOL> || std::is_same_v<Word, LX_BYTE_POOL>;
   const uint32_t roll = Below(r, 10);
   void* other = r() % 2 ? static_cast<void*>(&Slot<LX_MUTEX>(r())) : &Slot<LX_BYTE_POOL>(r());
-  if constexpr (std::is_same_v<T, uint64_t>) return roll ? Below(r, 4096) : uint64_t{1} << 40;
-  else if constexpr (std::is_integral_v<T>) return T(!kCreate && sizeof(T) == 4 ? Wait(r) : roll < 7 ? kEdges[r() % 14] : r());
-  else if constexpr (std::is_same_v<T, const char*>) return std::array<T, 4>{"fz", "", nullptr, "name-over-19-bytes"}[roll % 4];
-  else if constexpr (std::is_function_v<Word>) return roll ? std::get<T>(std::tuple(&Expire, &Quick)) : nullptr;
-  else if constexpr (!std::is_base_of_v<Slots<Word>, Objects>) return roll ? (T)(t_message + 16) : nullptr;
+  if constexpr (std::is_same_v<T, uint64_t>)
+    return roll ? Below(r, 4096) : uint64_t{1} << 40;
+  else if constexpr (std::is_integral_v<T>)
+    return T(!kCreate && sizeof(T) == 4 ? Wait(r) : roll < 7 ? kEdges[r() % 14] : r());
+  else if constexpr (std::is_same_v<T, const char*>)
+    return std::array<T, 4>{"fz", "", nullptr, "name-over-19-bytes"}[roll % 4];
+  else if constexpr (std::is_function_v<Word>)
+    return roll ? std::get<T>(std::tuple(&Expire, &Quick)) : nullptr;
+  else if constexpr (!std::is_base_of_v<Slots<Word>, Objects>)
+    return roll ? (T)(t_message + 16) : nullptr;
   else if constexpr (kCreate) {
-    for (Word& word : static_cast<Slots<Word>&>(g_objects)) if (roll && !std::atomic_ref(word).load()) return &word;
+    for (Word& word : static_cast<Slots<Word>&>(g_objects))
+      if (roll && !std::atomic_ref(word).load()) return &word;
     return nullptr;
   } else {
     if (kRegistry && roll == 1) return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
@@ -121,6 +137,14 @@ uint32_t ThreadDelete(Rng& r) {  // the word of a deleted thread still names its
   return deleted;
 }
 uint32_t TimeGet(Rng&) { return _lx_TimeGet() & 0; }
+uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or none; the signal closes both ends
+  CmServiceRequest q{};
+  q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
+  if (r() % 2 && ::pipe(q.ai32ReplyPipe) == 0) CM_WakeUpThreadEx(q.ai32ReplyPipe[1]);
+  CM_WaitingSignalEx(q.ai32ReplyPipe[0]);
+  const int32_t woken = CM_WakeUpThreadEx(-1) | CM_WakeUpThread(&q);
+  return woken | CM_WaitingSignal(&q);
+}
 
 // ---- The tables: every service, and the statuses it documents ----
 struct Row {
@@ -128,35 +152,81 @@ struct Row {
   uint32_t (*call)(Rng& r);
   uint32_t allowed;
 };
-#define ROW(service, ...) Row{#service, [](Rng& r) { return Invoke(r, service); }, S(__VA_ARGS__)}
-#define FN(call, ...) Row{#call, call, S(__VA_ARGS__)}
-constexpr Row kRows[] = {
-    ROW(_lx_MutexGet, 0, 1, 19, 26, 28, 29), ROW(_lx_MutexPut, 0, 19, 28), ROW(_lx_MutexDelete, 0, 19, 28),
-    ROW(_lx_MutexPrioritize, 0, 28, 29), ROW(_lx_MutexInfoGet, 0, 3, 28), ROW(_lx_EventFlagsGet, 0, 3, 4, 6, 7, 8, 19),
-    ROW(_lx_EventFlagsSet, 0, 6, 8), ROW(_lx_EventFlagsInfoGet, 0, 3, 6), ROW(_lx_EventFlagsDelete, 0, 6, 19),
-    ROW(_lx_BlockAllocate, 0, 1, 2, 3, 4, 16, 26), ROW(_lx_BlockRelease, 0, 2, 3), ROW(_lx_BlockPoolDelete, 0, 2, 19),
-    ROW(_lx_BlockPoolInfoGet, 0, 2, 3), ROW(_lx_BlockPoolPrioritize, 0, 2, 29),
-    ROW(_lx_ByteAllocate, 0, 1, 2, 3, 16, 19, 26), ROW(_lx_ByteRelease, 0, 2, 3), ROW(_lx_BytePoolDelete, 0, 2, 19),
-    ROW(_lx_BytePoolInfoGet, 0, 2, 3), ROW(_lx_BytePoolPrioritize, 0, 2, 29), ROW(_lx_SemaphoreGet, 0, 4, 12, 13),
-    ROW(_lx_SemaphorePut, 0, 12), ROW(_lx_SemaphoreDelete, 0), ROW(_lx_SemaphoreInfoGet, 0),
-    ROW(_lx_SemaphorePrioritize, 0), ROW(_lx_QueueSend, 0, 3, 9, 11), ROW(_lx_QueueFrontSend, 0, 3, 9, 11),
-    ROW(LP_QueueSend, 0, 3, 9, 11), ROW(_lx_QueueReceive, 0, 3, 9, 10), ROW(_lx_QueueFlush, 0, 9),
-    ROW(_lx_QueueDelete, 0), ROW(_lx_QueueInfoGet, 0), ROW(_lx_QueuePrioritize, 0), ROW(_lx_TimerDelete, 0, 19, 21),
-    ROW(_lx_TimerActivate, 0, 21, 22), ROW(_lx_TimerDeactivate, 0, 21), ROW(_lx_TimerChange, 0, 21, 22),
-    ROW(_lx_TimerInfoGet, 0, 3, 21), ROW(_lx_ThreadSleep, 0, 14, 19), FN(TimeGet, 0)};
+#define ROW(service, ...)                                                \
+  Row {                                                                  \
+#service, [](Rng & r) { return Invoke(r, service); }, S(__VA_ARGS__) \
+  }
+#define FN(call, ...) \
+  Row { #call, call, S(__VA_ARGS__) }
+constexpr Row kRows[] = {ROW(_lx_MutexGet, 0, 1, 19, 26, 28, 29),
+                         ROW(_lx_MutexPut, 0, 19, 28),
+                         ROW(_lx_MutexDelete, 0, 19, 28),
+                         ROW(_lx_MutexPrioritize, 0, 28, 29),
+                         ROW(_lx_MutexInfoGet, 0, 3, 28),
+                         ROW(_lx_EventFlagsGet, 0, 3, 4, 6, 7, 8, 19),
+                         ROW(_lx_EventFlagsSet, 0, 6, 8),
+                         ROW(_lx_EventFlagsInfoGet, 0, 3, 6),
+                         ROW(_lx_EventFlagsDelete, 0, 6, 19),
+                         ROW(_lx_BlockAllocate, 0, 1, 2, 3, 4, 16, 26),
+                         ROW(_lx_BlockRelease, 0, 2, 3),
+                         ROW(_lx_BlockPoolDelete, 0, 2, 19),
+                         ROW(_lx_BlockPoolInfoGet, 0, 2, 3),
+                         ROW(_lx_BlockPoolPrioritize, 0, 2, 29),
+                         ROW(_lx_ByteAllocate, 0, 1, 2, 3, 16, 19, 26),
+                         ROW(_lx_ByteRelease, 0, 2, 3),
+                         ROW(_lx_BytePoolDelete, 0, 2, 19),
+                         ROW(_lx_BytePoolInfoGet, 0, 2, 3),
+                         ROW(_lx_BytePoolPrioritize, 0, 2, 29),
+                         ROW(_lx_SemaphoreGet, 0, 4, 12, 13),
+                         ROW(_lx_SemaphorePut, 0, 12),
+                         ROW(_lx_SemaphoreDelete, 0),
+                         ROW(_lx_SemaphoreInfoGet, 0),
+                         ROW(_lx_SemaphorePrioritize, 0),
+                         ROW(_lx_QueueSend, 0, 3, 9, 11),
+                         ROW(_lx_QueueFrontSend, 0, 3, 9, 11),
+                         ROW(LP_QueueSend, 0, 3, 9, 11),
+                         ROW(_lx_QueueReceive, 0, 3, 9, 10),
+                         ROW(_lx_QueueFlush, 0, 9),
+                         ROW(_lx_QueueDelete, 0),
+                         ROW(_lx_QueueInfoGet, 0),
+                         ROW(_lx_QueuePrioritize, 0),
+                         ROW(_lx_TimerDelete, 0, 19, 21),
+                         ROW(_lx_TimerActivate, 0, 21, 22),
+                         ROW(_lx_TimerDeactivate, 0, 21),
+                         ROW(_lx_TimerChange, 0, 21, 22),
+                         ROW(_lx_TimerInfoGet, 0, 3, 21),
+                         ROW(_lx_ThreadSleep, 0, 14, 19),
+                         FN(TimeGet, 0)};
 // Worker 0 only: creates, as two on one empty slot would lose an object, and state that an application must not
 // share between threads.
-constexpr Row kSoloRows[] = {
-    ROW(_lx_MutexCreate, 0, 28, 31), ROW(_lx_EventFlagsCreate, 0, 6, 19), ROW(_lx_BlockPoolCreate, 0, 2, 3, 5, 19),
-    ROW(_lx_BytePoolCreate, 0, 2, 3, 5, 19), ROW(_lx_SemaphoreCreate, 0, 12, 19), ROW(_lx_QueueCreate, 0, 3, 5, 9),
-    ROW(_lx_TimerCreate, 0, 2, 19, 21, 22, 23), FN(FramedCreate, 0, 9), ROW(QueueSend, 0, 3, 4, 9, 11),
-    ROW(QueueReceive, 0, 3, 9, 10), ROW(QueueFlush, 0, 9), FN(CmQueueMake, 0, 5, 9),
-    ROW(CmQueueSend, 0, 1, 3, 4, 9, 11, 26), ROW(CmQueueFrontSend, 0, 1, 3, 4, 9, 11, 26),
-    ROW(CmQueueReceive, 0, 1, 3, 4, 9, 10, 26), ROW(CmQueueFlush, 0, 9), ROW(CmQueuePrioritize, 0, 9, 29),
-    ROW(CmQueueDelete, 0, 9), ROW(_lx_ThreadCreate, 0, 3, 14, 15, 16, 24), ROW(_lx_ThreadResume, 0, 14),
-    ROW(_lx_ThreadSuspend, 0, 14), ROW(_lx_ThreadTerminate, 0, 14), FN(ThreadDelete, 0, 14, 17),
-    ROW(_lx_ThreadWaitAbort, 0, 14, 27), ROW(_lx_ThreadInfoGet, 0, 3, 14),
-    ROW(_lx_ThreadPriorityChange, 0, 3, 14, 15, 19), ROW(_lx_ThreadPreemptionChange, 0, 3, 14, 15, 19, 24)};
+constexpr Row kSoloRows[] = {ROW(_lx_MutexCreate, 0, 28, 31),
+                             ROW(_lx_EventFlagsCreate, 0, 6, 19),
+                             ROW(_lx_BlockPoolCreate, 0, 2, 3, 5, 19),
+                             ROW(_lx_BytePoolCreate, 0, 2, 3, 5, 19),
+                             ROW(_lx_SemaphoreCreate, 0, 12, 19),
+                             ROW(_lx_QueueCreate, 0, 3, 5, 9),
+                             ROW(_lx_TimerCreate, 0, 2, 19, 21, 22, 23),
+                             FN(FramedCreate, 0, 9),
+                             ROW(QueueSend, 0, 3, 4, 9, 11),
+                             ROW(QueueReceive, 0, 3, 9, 10),
+                             ROW(QueueFlush, 0, 9),
+                             FN(CmQueueMake, 0, 5, 9),
+                             ROW(CmQueueSend, 0, 1, 3, 4, 9, 11, 26),
+                             ROW(CmQueueFrontSend, 0, 1, 3, 4, 9, 11, 26),
+                             ROW(CmQueueReceive, 0, 1, 3, 4, 9, 10, 26),
+                             ROW(CmQueueFlush, 0, 9),
+                             ROW(CmQueuePrioritize, 0, 9, 29),
+                             ROW(CmQueueDelete, 0, 9),
+                             ROW(_lx_ThreadCreate, 0, 3, 14, 15, 16, 24),
+                             ROW(_lx_ThreadResume, 0, 14),
+                             ROW(_lx_ThreadSuspend, 0, 14),
+                             ROW(_lx_ThreadTerminate, 0, 14),
+                             FN(ThreadDelete, 0, 14, 17),
+                             ROW(_lx_ThreadWaitAbort, 0, 14, 27),
+                             ROW(_lx_ThreadInfoGet, 0, 3, 14),
+                             ROW(_lx_ThreadPriorityChange, 0, 3, 14, 15, 19),
+                             ROW(_lx_ThreadPreemptionChange, 0, 3, 14, 15, 19, 24),
+                             FN(WakeUpPipe, 0)};
 thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
 void RandomRow(Rng& r, bool solo) {
   const Row& row = solo && r() % 2 ? kSoloRows[r() % std::size(kSoloRows)] : kRows[r() % std::size(kRows)];
@@ -222,7 +292,7 @@ struct Worker {
   std::atomic<time_t> since{0};  // when it began its row or ledger operation; 0 once it has left its loop
 } g_w[kMaxWorkers];
 bool Expendable(uint64_t i) { return i % 5 == 4; }  // the chaos thread may end it: it keeps no ledger
-void* PlainRows(void* seed) {  // a batch of rows on a plain POSIX thread
+void* PlainRows(void* seed) {                       // a batch of rows on a plain POSIX thread
   Rng r(reinterpret_cast<uintptr_t>(seed));
   for (int i = 0; i < 16; ++i) RandomRow(r, true);
   return nullptr;
@@ -332,7 +402,8 @@ void* ChaosEntry(uint64_t) {
     _lx_BlockAllocate(&g_st.blocks, &block, LX_NO_WAIT);
     std::fopen("/dev/null", "r");
   }
-  for (uint64_t m[2]; Transfer(0, false, m, 0) == 0 || Transfer(1, false, m, 0) == 0 || Transfer(2, false, m, 0) == 0;) {
+  for (uint64_t m[2];
+       Transfer(0, false, m, 0) == 0 || Transfer(1, false, m, 0) == 0 || Transfer(2, false, m, 0) == 0;) {
     ++g_st.received;
   }
   while (_lx_SemaphoreGet(&g_st.semaphore, LX_NO_WAIT) == LX_SUCCESS) ++count;
@@ -342,7 +413,8 @@ void* ChaosEntry(uint64_t) {
     FAIL("ledgers: %ld messages lost, semaphore count off by %ld, %ld blocks and %ld descriptors leaked",
          g_st.sent - g_st.received, count - g_st.count, 3 - free, leaked);
   }
-  if (g_failures == 0) std::fprintf(stderr, "stress: PASS seed %lu: %lu calls, %ld messages\n", g_seed, +g_calls, +g_st.sent);
+  if (g_failures == 0)
+    std::fprintf(stderr, "stress: PASS seed %lu: %lu calls, %ld messages\n", g_seed, +g_calls, +g_st.sent);
   Exit(g_failures == 0 ? 0 : 1);
 }
 
@@ -360,7 +432,8 @@ int main(int argc, char** argv) {
     const char* a = argv[i];
     if (std::sscanf(a, "--seconds=%lu", &g_seconds) + std::sscanf(a, "--workers=%lu", &g_workers) +
             std::sscanf(a, "--seed=%lu", &g_seed) + std::sscanf(a, "--stall=%lu", &g_stall) +
-            std::sscanf(a, "--inject=%31s", g_inject) != 1) {
+            std::sscanf(a, "--inject=%31s", g_inject) !=
+        1) {
       return std::fprintf(stderr, "stress: unknown option %s (see stress.cpp)\n", a), 2;
     }
   }
