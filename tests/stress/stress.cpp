@@ -137,6 +137,7 @@ uint32_t ThreadDelete(Rng& r) {  // the word of a deleted thread still names its
   return deleted;
 }
 uint32_t TimeGet(Rng&) { return _lx_TimeGet() & 0; }
+uint32_t ThreadChange(Rng& r) { return Invoke(r, _lx_ThreadPreemptionChange); }
 uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or none; the signal closes both ends
   CmServiceRequest q{};
   q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
@@ -152,60 +153,62 @@ struct Row {
   uint32_t (*call)(Rng& r);
   uint32_t allowed;
 };
-#define ROW(service, ...)                                                \
-  Row {                                                                  \
-#service, [](Rng & r) { return Invoke(r, service); }, S(__VA_ARGS__) \
-  }
-#define FN(call, ...) \
-  Row { #call, call, S(__VA_ARGS__) }
-constexpr Row kRows[] = {ROW(_lx_MutexGet, 0, 1, 19, 26, 28, 29),
-                         ROW(_lx_MutexPut, 0, 19, 28),
-                         ROW(_lx_MutexDelete, 0, 19, 28),
-                         ROW(_lx_MutexPrioritize, 0, 28, 29),
-                         ROW(_lx_MutexInfoGet, 0, 3, 28),
-                         ROW(_lx_EventFlagsGet, 0, 3, 4, 6, 7, 8, 19),
-                         ROW(_lx_EventFlagsSet, 0, 6, 8),
-                         ROW(_lx_EventFlagsInfoGet, 0, 3, 6),
-                         ROW(_lx_EventFlagsDelete, 0, 6, 19),
-                         ROW(_lx_BlockAllocate, 0, 1, 2, 3, 4, 16, 26),
-                         ROW(_lx_BlockRelease, 0, 2, 3),
-                         ROW(_lx_BlockPoolDelete, 0, 2, 19),
-                         ROW(_lx_BlockPoolInfoGet, 0, 2, 3),
-                         ROW(_lx_BlockPoolPrioritize, 0, 2, 29),
-                         ROW(_lx_ByteAllocate, 0, 1, 2, 3, 16, 19, 26),
-                         ROW(_lx_ByteRelease, 0, 2, 3),
-                         ROW(_lx_BytePoolDelete, 0, 2, 19),
-                         ROW(_lx_BytePoolInfoGet, 0, 2, 3),
-                         ROW(_lx_BytePoolPrioritize, 0, 2, 29),
-                         ROW(_lx_SemaphoreGet, 0, 4, 12, 13),
-                         ROW(_lx_SemaphorePut, 0, 12),
-                         ROW(_lx_SemaphoreDelete, 0),
-                         ROW(_lx_SemaphoreInfoGet, 0),
-                         ROW(_lx_SemaphorePrioritize, 0),
-                         ROW(_lx_QueueSend, 0, 3, 9, 11),
-                         ROW(_lx_QueueFrontSend, 0, 3, 9, 11),
+template <auto kService>
+uint32_t Call(Rng& r) {
+  return Invoke(r, kService);
+}
+#define LX(name, ...) Row("_lx_" #name, Call<_lx_##name>, S(__VA_ARGS__))
+#define ROW(name, ...) Row(#name, Call<name>, S(__VA_ARGS__))
+#define FN(name, ...) Row(#name, name, S(__VA_ARGS__))
+constexpr Row kRows[] = {LX(MutexGet, 0, 1, 19, 26, 28, 29),
+                         LX(MutexPut, 0, 19, 28),
+                         LX(MutexDelete, 0, 19, 28),
+                         LX(MutexPrioritize, 0, 28, 29),
+                         LX(MutexInfoGet, 0, 3, 28),
+                         LX(EventFlagsGet, 0, 3, 4, 6, 7, 8, 19),
+                         LX(EventFlagsSet, 0, 6, 8),
+                         LX(EventFlagsInfoGet, 0, 3, 6),
+                         LX(EventFlagsDelete, 0, 6, 19),
+                         LX(BlockAllocate, 0, 1, 2, 3, 4, 16, 26),
+                         LX(BlockRelease, 0, 2, 3),
+                         LX(BlockPoolDelete, 0, 2, 19),
+                         LX(BlockPoolInfoGet, 0, 2, 3),
+                         LX(BlockPoolPrioritize, 0, 2, 29),
+                         LX(ByteAllocate, 0, 1, 2, 3, 16, 19, 26),
+                         LX(ByteRelease, 0, 2, 3),
+                         LX(BytePoolDelete, 0, 2, 19),
+                         LX(BytePoolInfoGet, 0, 2, 3),
+                         LX(BytePoolPrioritize, 0, 2, 29),
+                         LX(SemaphoreGet, 0, 4, 12, 13),
+                         LX(SemaphorePut, 0, 12),
+                         LX(SemaphoreDelete, 0),
+                         LX(SemaphoreInfoGet, 0),
+                         LX(SemaphorePrioritize, 0),
+                         LX(QueueSend, 0, 3, 9, 11),
+                         LX(QueueFrontSend, 0, 3, 9, 11),
                          ROW(LP_QueueSend, 0, 3, 9, 11),
-                         ROW(_lx_QueueReceive, 0, 3, 9, 10),
-                         ROW(_lx_QueueFlush, 0, 9),
-                         ROW(_lx_QueueDelete, 0),
-                         ROW(_lx_QueueInfoGet, 0),
-                         ROW(_lx_QueuePrioritize, 0),
-                         ROW(_lx_TimerDelete, 0, 19, 21),
-                         ROW(_lx_TimerActivate, 0, 21, 22),
-                         ROW(_lx_TimerDeactivate, 0, 21),
-                         ROW(_lx_TimerChange, 0, 21, 22),
-                         ROW(_lx_TimerInfoGet, 0, 3, 21),
-                         ROW(_lx_ThreadSleep, 0, 14, 19),
-                         FN(TimeGet, 0)};
-// Worker 0 only: creates, as two on one empty slot would lose an object, and state that an application must not
-// share between threads.
-constexpr Row kSoloRows[] = {ROW(_lx_MutexCreate, 0, 28, 31),
-                             ROW(_lx_EventFlagsCreate, 0, 6, 19),
-                             ROW(_lx_BlockPoolCreate, 0, 2, 3, 5, 19),
-                             ROW(_lx_BytePoolCreate, 0, 2, 3, 5, 19),
-                             ROW(_lx_SemaphoreCreate, 0, 12, 19),
-                             ROW(_lx_QueueCreate, 0, 3, 5, 9),
-                             ROW(_lx_TimerCreate, 0, 2, 19, 21, 22, 23),
+                         LX(QueueReceive, 0, 3, 9, 10),
+                         LX(QueueFlush, 0, 9),
+                         LX(QueueDelete, 0),
+                         LX(QueueInfoGet, 0),
+                         LX(QueuePrioritize, 0),
+                         LX(ThreadSleep, 0, 14, 19),
+                         FN(TimeGet, 0),
+                         FN(WakeUpPipe, 0)};
+// Worker 0 only: creates, as two on one empty slot would lose an object, and the state that an application must
+// not share between threads (a timer used while another thread deletes it is used after its free).
+constexpr Row kSoloRows[] = {LX(MutexCreate, 0, 28, 31),
+                             LX(EventFlagsCreate, 0, 6, 19),
+                             LX(BlockPoolCreate, 0, 2, 3, 5, 19),
+                             LX(BytePoolCreate, 0, 2, 3, 5, 19),
+                             LX(SemaphoreCreate, 0, 12, 19),
+                             LX(QueueCreate, 0, 3, 5, 9),
+                             LX(TimerCreate, 0, 2, 19, 21, 22, 23),
+                             LX(TimerDelete, 0, 19, 21),
+                             LX(TimerActivate, 0, 21, 22),
+                             LX(TimerDeactivate, 0, 21),
+                             LX(TimerChange, 0, 21, 22),
+                             LX(TimerInfoGet, 0, 3, 21),
                              FN(FramedCreate, 0, 9),
                              ROW(QueueSend, 0, 3, 4, 9, 11),
                              ROW(QueueReceive, 0, 3, 9, 10),
@@ -217,16 +220,15 @@ constexpr Row kSoloRows[] = {ROW(_lx_MutexCreate, 0, 28, 31),
                              ROW(CmQueueFlush, 0, 9),
                              ROW(CmQueuePrioritize, 0, 9, 29),
                              ROW(CmQueueDelete, 0, 9),
-                             ROW(_lx_ThreadCreate, 0, 3, 14, 15, 16, 24),
-                             ROW(_lx_ThreadResume, 0, 14),
-                             ROW(_lx_ThreadSuspend, 0, 14),
-                             ROW(_lx_ThreadTerminate, 0, 14),
+                             LX(ThreadCreate, 0, 3, 14, 15, 16, 24),
+                             LX(ThreadResume, 0, 14),
+                             LX(ThreadSuspend, 0, 14),
+                             LX(ThreadTerminate, 0, 14),
                              FN(ThreadDelete, 0, 14, 17),
-                             ROW(_lx_ThreadWaitAbort, 0, 14, 27),
-                             ROW(_lx_ThreadInfoGet, 0, 3, 14),
-                             ROW(_lx_ThreadPriorityChange, 0, 3, 14, 15, 19),
-                             ROW(_lx_ThreadPreemptionChange, 0, 3, 14, 15, 19, 24),
-                             FN(WakeUpPipe, 0)};
+                             LX(ThreadWaitAbort, 0, 14, 27),
+                             LX(ThreadInfoGet, 0, 3, 14),
+                             LX(ThreadPriorityChange, 0, 3, 14, 15, 19),
+                             FN(ThreadChange, 0, 3, 14, 15, 19, 24)};
 thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
 void RandomRow(Rng& r, bool solo) {
   const Row& row = solo && r() % 2 ? kSoloRows[r() % std::size(kSoloRows)] : kRows[r() % std::size(kRows)];
