@@ -255,11 +255,14 @@ uint32_t Transfer(uint64_t q, bool send, uint64_t* m, uint32_t wait) {  // a mes
 }
 void LedgerOp(Rng& r, uint64_t self) {  // workers that the chaos thread may terminate never run these
   const uint32_t roll = Below(r, 5), wait = Below(r, 5) ? Wait(r) : 3;
+  static constexpr const char* kOps[] = {"a get of the stable mutex", "a put or get of the stable semaphore",
+                                         "an allocation from the stable pool", "a stable queue", "a stable queue"};
+  if (t_doing != nullptr) t_doing->store(kOps[roll]);                            // for the watchdog's report
   const bool give = r() % 2, fake = self == 0 && Injecting("mutual-exclusion");  // "holds" the mutex without a get
   uint64_t message[2] = {r(), 0};
   char* block = nullptr;
   if (roll == 0) {
-    const uint32_t got = fake ? LX_SUCCESS : _lx_MutexGet(&g_st.mutex, give ? LX_WAIT_FOREVER : wait);
+    const uint32_t got = fake ? LX_SUCCESS : _lx_MutexGet(&g_st.mutex, Below(r, 5) ? wait : LX_WAIT_FOREVER);
     Check("_lx_MutexGet (stable)", got, S(0, 26, 29));
     if (got != LX_SUCCESS) return;
     const int before = g_st.holder.exchange(self);
@@ -336,11 +339,12 @@ void StartWorker(uint64_t i) {
 }
 void* Watchdog(void*) {  // a plain thread outside the kernel: a worker in one call too long, or no call returning
   for (uint64_t last = 0, still = 0;; last = g_calls, ::sleep(1)) {
-    if ((still = g_calls == last ? still + 1 : 0) > g_stall) FAIL("hang: no call returned in %lu s", still), Exit(2);
+    if ((still = g_calls == last ? still + 1 : 0) > g_stall) FAIL("hang: no call returned for %lu s", still), Exit(2);
     for (uint64_t i = 0; i < g_workers; ++i) {
       const char* doing = g_w[i].doing;
       const uint64_t took = std::time(nullptr) - g_w[i].since;
-      if (doing && took > g_stall && doing == g_w[i].doing) FAIL("hang: w%02lu in %s %lu s", i, doing, took), Exit(2);
+      if (doing && took > g_stall && doing == g_w[i].doing)
+        FAIL("hang: w%02lu has been in %s for %lu s", i, doing, took), Exit(2);
     }
   }
 }
