@@ -12,14 +12,36 @@
 #   scripts/test-size.sh --files    also lists each test file's count
 #
 # C and C++ files lose their // and /* */ comments; shell, CMake, Python,
-# awk and bpftrace files lose the lines that start with #.
+# awk and bpftrace files lose the lines that start with #. C and C++ files are
+# counted as clang-format lays them out with the project's .clang-format, so
+# how a file happens to be wrapped does not change its count; where
+# clang-format is missing, a line longer than 120 columns (the project's
+# width) counts as the lines it takes wrapped at 120.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 max=${QUORVIN_TEST_RATIO_MAX:-0.40}
 
+if [[ ${1:-} == --check ]] && ! command -v clang-format >/dev/null; then
+  echo "test-size.sh: --check needs clang-format (scripts/bootstrap.sh installs it)" >&2
+  exit 1
+fi
+formatted=$(mktemp -d) && trap 'rm -rf "$formatted"' EXIT
+laid_out() {  # laid_out <file>: the path of the file as clang-format lays it out (or the file)
+  if [[ $1 =~ \.(c|cc|cpp|h|hpp)$ ]] && command -v clang-format >/dev/null; then
+    mkdir -p "$formatted/$(dirname "$1")"
+    [[ -f $formatted/$1 ]] || clang-format --style=file --assume-filename="$1" <"$1" >"$formatted/$1"
+    echo "$formatted/$1"
+  else
+    echo "$1"
+  fi
+}
+
 count() {  # count <file...>: code lines of the files together
+  local paths=() f
+  for f in "$@"; do paths+=("$(laid_out "$f")"); done
+  set -- "${paths[@]}"
   awk '
     FNR == 1 { c_like = FILENAME ~ /\.(c|cc|cpp|h|hpp)$/; in_block = 0 }
     {
@@ -56,7 +78,8 @@ count() {  # count <file...>: code lines of the files together
       } else if (line ~ /^[ \t]*#/) {
         line = ""
       }
-      if (line ~ /[^ \t\r]/) code++
+      sub(/[ \t\r]+$/, "", line)
+      if (line ~ /[^ \t]/) code += int((length(line) + 119) / 120)
     }
     END { print code + 0 }' "$@" /dev/null
 }

@@ -1,12 +1,12 @@
-// Fuzz and soak in one driver. Worker threads draw rows from a table of every service and call it with random
-// and hostile arguments, each drawn by its parameter's type (Arg): NULL handles, another class's handle and
-// garbage words where the library can tell them apart, missing outputs, sizes and options from the edges of
-// their range, short waits. Rows run on kernel threads, on the timer thread and on plain POSIX threads; each
-// status must be one the service documents. Between rows the workers keep ledgers on stable objects that no
-// row touches: one owner of a mutex at a time, no count of a semaphore lost, every message received intact, no
-// pool block leaked or handed out dirty. A chaos thread suspends, resumes, wait-aborts, terminates and
-// re-creates workers; a watchdog names a call that does not return. At the end every ledger must balance and
-// no descriptor may be left open.
+// Fuzz and soak in one driver. Worker threads draw rows from a table with one row per class of services; a row
+// calls one of the class's services with random and hostile arguments, each drawn by its parameter's type (Arg):
+// NULL handles, another class's handle and garbage words where the library can tell them apart, missing outputs,
+// sizes and options from the edges of their range, short waits. Rows run on kernel threads, on the timer thread
+// and on plain POSIX threads; each status must be one that the class's services document. Between rows the
+// workers keep ledgers on stable objects that no row touches: one owner of a mutex at a time, no count of a
+// semaphore lost, every message received intact, no pool block leaked. A chaos thread suspends, resumes,
+// wait-aborts, terminates and re-creates workers; a watchdog names a call that does not return. At the end every
+// ledger must balance and no descriptor may be left open.
 //
 //   stress [--seconds=S] [--workers=W] [--seed=S] [--stall=S] [--inject=FAULT]
 //
@@ -44,11 +44,14 @@ std::atomic<int> g_failures{0};
 // One line, one fprintf: stderr writes each call whole, so lines of two threads never mix.
 #define FAIL(text, ...) (++g_failures, std::fprintf(stderr, "stress: FAIL seed %lu: " text "\n", g_seed, __VA_ARGS__))
 bool Injecting(const char* fault) { return std::strcmp(g_inject, fault) == 0; }
+// A set of statuses.
 template <typename... T>
-constexpr uint32_t S(T... statuses) {  // a set of statuses
+constexpr uint32_t S(T... statuses) {
   return ((1u << statuses) | ...);
 }
-thread_local bool t_expendable = false;  // the chaos thread may terminate it, and take over its request
+thread_local bool t_expendable = false;                    // the chaos thread may terminate it
+thread_local const char* t_service = "";                   // the service a row calls, by its template's name
+thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
 void Check(const char* what, uint32_t status, uint32_t allowed) {
   g_calls.fetch_add(1, std::memory_order_relaxed);
   const bool ended = status == LX_NOT_AVAILABLE && (g_stop || t_expendable);
@@ -66,25 +69,21 @@ thread_local uint64_t t_garbage;
 void Expire(uint32_t) {}
 void* Quick(uint64_t ticks) { return _lx_ThreadSleep(ticks % 3), nullptr; }
 
-// The objects the rows create, use and delete: three handle words (or framed queues) per class.
+// The objects: four handle words (or framed queues) per class. The rows create, use and delete the first three;
+// the fourth is stable, created once for the ledgers, and no row touches it.
 template <typename T>
-using Slots = std::array<T, 3>;
-struct Objects : Slots<LX_MUTEX>,
-                 Slots<LX_EVENT_FLAGS>,
-                 Slots<LX_BLOCK_POOL>,
-                 Slots<LX_BYTE_POOL>,
-                 Slots<LX_SEMAPHORE>,
-                 Slots<LX_QUEUE>,
-                 Slots<FramedQueueCtrl>,
-                 Slots<CM_QUEUE>,
-                 Slots<LX_TIMER>,
-                 Slots<LX_THREAD> {
-} g_objects;
+using Slots = std::array<T, 4>;
+template <typename... T>
+struct Objects : Slots<T>... {};
+Objects<LX_MUTEX, LX_EVENT_FLAGS, LX_BLOCK_POOL, LX_BYTE_POOL, LX_SEMAPHORE, LX_QUEUE, FramedQueueCtrl, CM_QUEUE,
+        LX_TIMER, LX_THREAD>
+    g_objects;
 template <typename T>
 T& Slot(uint64_t i) {
-  return static_cast<Slots<T>&>(g_objects)[i % 3];
+  return static_cast<Slots<T>&>(g_objects)[i];
 }
-alignas(8) uint8_t g_framedBuffer[3][2048];
+constexpr uint64_t kStable = 3;
+alignas(8) uint8_t g_framedBuffer[4][2048];
 
 // A value for a parameter of type T. In a create (a service with a name) a handle is an empty slot or NULL, as a
 // create on a live word would lose its object, and integers come from the edges of their range. Elsewhere a
@@ -94,10 +93,10 @@ template <typename T, bool kCreate>
 T Arg(Rng& r) {
   static constexpr uint32_t kEdges[] = {0, 1, 2, 3, 4, 8, 9, 16, 64, 100, 4096, 0x7FFFFFFF, 0x80000000, ~0u};
   using Word = std::remove_pointer_t<T>;
-  constexpr bool kRegistry = std::is_same_v<Word, LX_MUTEX> || std::is_same_v<Word, LX_EVENT_FLAGS> ||
-                             std::is_same_v<Word, LX_BLOCK_POOL> || std::is_same_v<Word, LX_BYTE_POOL>;
+  constexpr bool kRegistry =
+      std::is_base_of_v<Slots<Word>, Objects<LX_MUTEX, LX_EVENT_FLAGS, LX_BLOCK_POOL, LX_BYTE_POOL>>;
   const uint32_t roll = Below(r, 10);
-  void* other = r() % 2 ? static_cast<void*>(&Slot<LX_MUTEX>(r())) : &Slot<LX_BYTE_POOL>(r());
+  void* other = r() % 2 ? static_cast<void*>(&Slot<LX_MUTEX>(Below(r, 3))) : &Slot<LX_BYTE_POOL>(Below(r, 3));
   if constexpr (std::is_same_v<T, uint64_t>)
     return roll ? Below(r, 4096) : uint64_t{1} << 40;
   else if constexpr (std::is_integral_v<T>)
@@ -106,23 +105,24 @@ T Arg(Rng& r) {
     return std::array<T, 4>{"fz", "", nullptr, "name-over-19-bytes"}[roll % 4];
   else if constexpr (std::is_function_v<Word>)
     return roll ? std::get<T>(std::tuple(&Expire, &Quick)) : nullptr;
-  else if constexpr (!std::is_base_of_v<Slots<Word>, Objects>)
+  else if constexpr (!std::is_base_of_v<Slots<Word>, decltype(g_objects)>)
     return roll ? (T)(t_message + 16) : nullptr;
   else if constexpr (kCreate) {
-    for (Word& word : static_cast<Slots<Word>&>(g_objects))
-      if (roll && !std::atomic_ref(word).load()) return &word;
+    for (uint64_t i = 0; i < kStable; ++i)
+      if (roll && !std::atomic_ref(Slot<Word>(i)).load()) return &Slot<Word>(i);
     return nullptr;
   } else {
     if (kRegistry && roll == 1) return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
-    return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &Slot<Word>(r()) : nullptr;
+    return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &Slot<Word>(Below(r, 3)) : nullptr;
   }
 }
 template <typename R, typename... A>
 uint32_t Invoke(Rng& r, R (*service)(A...)) {
-  constexpr bool kCreate = (std::is_same_v<A, const char*> || ...);
+  [[maybe_unused]] constexpr bool kCreate = (std::is_same_v<A, const char*> || ...);
   std::tuple<A...> args{Arg<A, kCreate>(r)...};
   return static_cast<uint32_t>(std::apply(service, args));
 }
+uint32_t Invoke(Rng& r, uint32_t (*written)(Rng&)) { return written(r); }  // a call written out
 uint32_t FramedCreate(Rng& r) {  // on a slot not in use, in its own buffer, which must hold the queue
   const uint32_t i = Below(r, 3), size = Below(r, 400), slots = Below(r, 5);
   FramedQueueCtrl* queue = Below(r, 12) ? &Slot<FramedQueueCtrl>(i) : nullptr;
@@ -130,14 +130,12 @@ uint32_t FramedCreate(Rng& r) {  // on a slot not in use, in its own buffer, whi
   return QueueCreate(queue, Arg<const char*, true>(r), size, slots, r() % 12 ? g_framedBuffer[i] : nullptr, 0, r() % 2);
 }
 uint32_t CmQueueMake(Rng& r) { return CmQueueCreate(Arg<CM_QUEUE*, true>(r), Below(r, 9), 1u << Below(r, 6), nullptr); }
-uint32_t ThreadDelete(Rng& r) {  // the word of a deleted thread still names its record, which a create recycles
-  LX_THREAD* thread = Arg<LX_THREAD*, false>(r);
+uint32_t DeleteThread(LX_THREAD* thread) {  // the word of a deleted thread still names its record: cleared
   const uint32_t deleted = _lx_ThreadDelete(thread);
   if (deleted == LX_SUCCESS) *thread = nullptr;
   return deleted;
 }
-uint32_t TimeGet(Rng&) { return _lx_TimeGet() & 0; }
-uint32_t ThreadChange(Rng& r) { return Invoke(r, _lx_ThreadPreemptionChange); }
+uint32_t TimeGet() { return _lx_TimeGet() & 0; }
 uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or none; the signal closes both ends
   CmServiceRequest q{};
   q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
@@ -147,147 +145,81 @@ uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or none;
   return woken | CM_WaitingSignal(&q);
 }
 
-// ---- The tables: every service, and the statuses it documents ----
-struct Row {
-  const char* name;
-  uint32_t (*call)(Rng& r);
-  uint32_t allowed;
-};
+// ---- The table: one row per class, the services it draws from and every status they document ----
 template <auto kService>
 uint32_t Call(Rng& r) {
+  t_service = __PRETTY_FUNCTION__;  // names the service: "... [with auto kService = <service>]"
+  if (t_doing != nullptr) t_doing->store(t_service);
   return Invoke(r, kService);
 }
-#define LX(name, ...) Row("_lx_" #name, Call<_lx_##name>, S(__VA_ARGS__))
-#define ROW(name, ...) Row(#name, Call<name>, S(__VA_ARGS__))
-#define FN(name, ...) Row(#name, name, S(__VA_ARGS__))
-constexpr Row kRows[] = {LX(MutexGet, 0, 1, 19, 26, 28, 29),
-                         LX(MutexPut, 0, 19, 28),
-                         LX(MutexDelete, 0, 19, 28),
-                         LX(MutexPrioritize, 0, 28, 29),
-                         LX(MutexInfoGet, 0, 3, 28),
-                         LX(EventFlagsGet, 0, 3, 4, 6, 7, 8, 19),
-                         LX(EventFlagsSet, 0, 6, 8),
-                         LX(EventFlagsInfoGet, 0, 3, 6),
-                         LX(EventFlagsDelete, 0, 6, 19),
-                         LX(BlockAllocate, 0, 1, 2, 3, 4, 16, 26),
-                         LX(BlockRelease, 0, 2, 3),
-                         LX(BlockPoolDelete, 0, 2, 19),
-                         LX(BlockPoolInfoGet, 0, 2, 3),
-                         LX(BlockPoolPrioritize, 0, 2, 29),
-                         LX(ByteAllocate, 0, 1, 2, 3, 16, 19, 26),
-                         LX(ByteRelease, 0, 2, 3),
-                         LX(BytePoolDelete, 0, 2, 19),
-                         LX(BytePoolInfoGet, 0, 2, 3),
-                         LX(BytePoolPrioritize, 0, 2, 29),
-                         LX(SemaphoreGet, 0, 4, 12, 13),
-                         LX(SemaphorePut, 0, 12),
-                         LX(SemaphoreDelete, 0),
-                         LX(SemaphoreInfoGet, 0),
-                         LX(SemaphorePrioritize, 0),
-                         LX(QueueSend, 0, 3, 9, 11),
-                         LX(QueueFrontSend, 0, 3, 9, 11),
-                         ROW(LP_QueueSend, 0, 3, 9, 11),
-                         LX(QueueReceive, 0, 3, 9, 10),
-                         LX(QueueFlush, 0, 9),
-                         LX(QueueDelete, 0),
-                         LX(QueueInfoGet, 0),
-                         LX(QueuePrioritize, 0),
-                         LX(ThreadSleep, 0, 14, 19),
-                         FN(TimeGet, 0)};
-// Worker 0 only: creates, as two on one empty slot would lose an object, the state that an application must not
-// share between threads (a timer used while another thread deletes it is used after its free), and the pipe round
-// trip, whose pipe a terminate in the middle would leave open.
-constexpr Row kSoloRows[] = {LX(MutexCreate, 0, 28, 31),
-                             LX(EventFlagsCreate, 0, 6, 19),
-                             LX(BlockPoolCreate, 0, 2, 3, 5, 19),
-                             LX(BytePoolCreate, 0, 2, 3, 5, 19),
-                             LX(SemaphoreCreate, 0, 12, 19),
-                             LX(QueueCreate, 0, 3, 5, 9),
-                             LX(TimerCreate, 0, 2, 19, 21, 22, 23),
-                             LX(TimerDelete, 0, 19, 21),
-                             LX(TimerActivate, 0, 21, 22),
-                             LX(TimerDeactivate, 0, 21),
-                             LX(TimerChange, 0, 21, 22),
-                             LX(TimerInfoGet, 0, 3, 21),
-                             FN(FramedCreate, 0, 9),
-                             ROW(QueueSend, 0, 3, 4, 9, 11),
-                             ROW(QueueReceive, 0, 3, 9, 10),
-                             ROW(QueueFlush, 0, 9),
-                             FN(CmQueueMake, 0, 5, 9),
-                             ROW(CmQueueSend, 0, 1, 3, 4, 9, 11, 26),
-                             ROW(CmQueueFrontSend, 0, 1, 3, 4, 9, 11, 26),
-                             ROW(CmQueueReceive, 0, 1, 3, 4, 9, 10, 26),
-                             ROW(CmQueueFlush, 0, 9),
-                             ROW(CmQueuePrioritize, 0, 9, 29),
-                             ROW(CmQueueDelete, 0, 9),
-                             LX(ThreadCreate, 0, 3, 14, 15, 16, 24),
-                             LX(ThreadResume, 0, 14),
-                             LX(ThreadSuspend, 0, 14),
-                             LX(ThreadTerminate, 0, 14),
-                             FN(ThreadDelete, 0, 14, 17),
-                             LX(ThreadWaitAbort, 0, 14, 27),
-                             LX(ThreadInfoGet, 0, 3, 14),
-                             LX(ThreadPriorityChange, 0, 3, 14, 15, 19),
-                             FN(ThreadChange, 0, 3, 14, 15, 19, 24),
-                             FN(WakeUpPipe, 0)};
-thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
-void RandomRow(Rng& r, bool solo) {
-  const Row& row = solo && r() % 2 ? kSoloRows[r() % std::size(kSoloRows)] : kRows[r() % std::size(kRows)];
-  if (t_doing != nullptr) t_doing->store(row.name);
-  Check(row.name, row.call(r), row.allowed);
+template <uint32_t kAllowed, auto... kServices>
+void Row(Rng& r) {
+  static constexpr uint32_t (*kCalls[])(Rng&) = {Call<kServices>...};
+  const uint32_t status = kCalls[r() % sizeof...(kServices)](r);
+  Check(t_service, status, kAllowed);
 }
+// The last four rows run in worker 0 only: creates, as two on one empty slot would lose an object, the state that
+// an application must not share between threads (a timer used while another thread deletes it is used after its
+// free), and the pipe round trip, whose pipe a terminate in the middle would leave open.
+constexpr void (*kRows[])(Rng&) = {
+    Row<S(0, 1, 3, 19, 26, 28, 29), _lx_MutexGet, _lx_MutexPut, _lx_MutexDelete, _lx_MutexPrioritize, _lx_MutexInfoGet>,
+    Row<S(0, 3, 4, 6, 7, 8, 19), _lx_EventFlagsGet, _lx_EventFlagsSet, _lx_EventFlagsInfoGet, _lx_EventFlagsDelete>,
+    Row<S(0, 1, 2, 3, 4, 16, 19, 26, 29), _lx_BlockAllocate, _lx_BlockRelease, _lx_BlockPoolDelete,
+        _lx_BlockPoolInfoGet, _lx_BlockPoolPrioritize, _lx_ByteAllocate, _lx_ByteRelease, _lx_BytePoolDelete,
+        _lx_BytePoolInfoGet, _lx_BytePoolPrioritize>,
+    Row<S(0, 4, 12, 13, 14, 19), _lx_SemaphoreGet, _lx_SemaphorePut, _lx_SemaphoreDelete, _lx_SemaphoreInfoGet,
+        _lx_SemaphorePrioritize, _lx_ThreadSleep, TimeGet>,
+    Row<S(0, 3, 9, 10, 11), _lx_QueueSend, _lx_QueueFrontSend, LP_QueueSend, _lx_QueueReceive, _lx_QueueFlush,
+        _lx_QueueDelete, _lx_QueueInfoGet, _lx_QueuePrioritize>,
+    Row<S(0, 2, 3, 5, 6, 9, 12, 14, 15, 16, 19, 21, 22, 23, 24, 28, 31), _lx_MutexCreate, _lx_EventFlagsCreate,
+        _lx_BlockPoolCreate, _lx_BytePoolCreate, _lx_SemaphoreCreate, _lx_QueueCreate, _lx_TimerCreate, FramedCreate,
+        CmQueueMake, _lx_ThreadCreate>,
+    Row<S(0, 3, 19, 21, 22), _lx_TimerDelete, _lx_TimerActivate, _lx_TimerDeactivate, _lx_TimerChange,
+        _lx_TimerInfoGet>,
+    Row<S(0, 1, 3, 4, 9, 10, 11, 26, 29), QueueSend, QueueReceive, QueueFlush, CmQueueSend, CmQueueFrontSend,
+        CmQueueReceive, CmQueueFlush, CmQueuePrioritize, CmQueueDelete>,
+    Row<S(0, 3, 14, 15, 17, 19, 24, 27), _lx_ThreadResume, _lx_ThreadSuspend, _lx_ThreadTerminate, DeleteThread,
+        _lx_ThreadWaitAbort, _lx_ThreadInfoGet, _lx_ThreadPriorityChange, _lx_ThreadPreemptionChange, WakeUpPipe>};
+void RandomRow(Rng& r, bool solo) { kRows[r() % (solo ? std::size(kRows) : std::size(kRows) - 4)](r); }
 
-// ---- Ledgers on stable objects, which no row touches ----
-struct Stable {
-  LX_MUTEX mutex = nullptr;
-  LX_SEMAPHORE semaphore = nullptr;
-  LX_QUEUE queue = nullptr;
-  FramedQueueCtrl framed{};
-  CM_QUEUE cmQueue = nullptr;
-  LX_BLOCK_POOL blocks = nullptr;
-  alignas(8) uint8_t framedBuffer[512];
-  std::atomic<int> holder{-1};
-  std::atomic<int64_t> count{2}, sent{0}, received{0};  // count: the semaphore's initial count, plus puts, less gets
-} g_st;
-uint32_t Transfer(uint64_t q, bool send, uint64_t* m, uint32_t wait) {  // a message over a queue of each class
-  if (q % 3 == 0) return send ? _lx_QueueSend(&g_st.queue, m, wait) : _lx_QueueReceive(&g_st.queue, m, wait);
-  if (q % 3 == 1) return send ? QueueSend(&g_st.framed, m, wait == 0, q % 2) : QueueReceive(&g_st.framed, m, wait);
-  return send ? CmQueueSend(&g_st.cmQueue, m, wait) : CmQueueReceive(&g_st.cmQueue, m, wait);
+// ---- Ledgers on the stable objects ----
+std::atomic<int> g_holder{-1};
+// The semaphore's count (its initial count, plus puts, less gets), and the messages sent and received.
+std::atomic<int64_t> g_count{2}, g_sent{0}, g_received{0};
+// A message over the stable host queue or the stable dispatcher queue (the framed queue is left to the rows).
+uint32_t Transfer(bool cm, bool send, uint64_t* m, uint32_t wait) {
+  LX_QUEUE* queue = &Slot<LX_QUEUE>(kStable);
+  if (!cm) return send ? _lx_QueueSend(queue, m, wait) : _lx_QueueReceive(queue, m, wait);
+  return send ? CmQueueSend(&Slot<CM_QUEUE>(kStable), m, wait) : CmQueueReceive(&Slot<CM_QUEUE>(kStable), m, wait);
 }
-void LedgerOp(Rng& r, uint64_t self) {  // workers that the chaos thread may terminate never run these
-  const uint32_t roll = Below(r, 5), wait = Below(r, 5) ? Wait(r) : 3;
-  static constexpr const char* kOps[] = {"a get of the stable mutex", "a put or get of the stable semaphore",
-                                         "an allocation from the stable pool", "a stable queue", "a stable queue"};
-  if (t_doing != nullptr) t_doing->store(kOps[roll]);                            // for the watchdog's report
+void LedgerOp(Rng& r, int self) {  // workers that the chaos thread may terminate never run these
+  static constexpr const char* kOps[] = {"the stable mutex", "the stable semaphore", "the stable pool", "a queue"};
+  const uint32_t op = Below(r, 4), wait = Below(r, 5) ? Wait(r) : 3;
   const bool give = r() % 2, fake = self == 0 && Injecting("mutual-exclusion");  // "holds" the mutex without a get
+  t_doing->store(kOps[op]);                                                      // for the watchdog's report
   uint64_t message[2] = {r(), 0};
-  char* block = nullptr;
-  if (roll == 0) {
-    const uint32_t got = fake ? LX_SUCCESS : _lx_MutexGet(&g_st.mutex, Below(r, 5) ? wait : LX_WAIT_FOREVER);
-    Check("_lx_MutexGet (stable)", got, S(0, 26, 29));
-    if (got != LX_SUCCESS) return;
-    const int before = g_st.holder.exchange(self);
+  void* block = nullptr;
+  uint32_t status = LX_SUCCESS;
+  if (op == 0 &&
+      (fake || (status = _lx_MutexGet(&Slot<LX_MUTEX>(kStable), Below(r, 5) ? wait : LX_WAIT_FOREVER)) == 0)) {
+    t_doing->store("holding the stable mutex");
+    const int before = g_holder.exchange(self);
     if (fake || Below(r, 5) == 0) _lx_ThreadSleep(1);
-    if (g_st.holder.exchange(-1) != int(self) || before != -1) FAIL("mutual exclusion: w%02lu shared the mutex", self);
-    if (!fake) Check("_lx_MutexPut (stable)", _lx_MutexPut(&g_st.mutex), S(0));
-  } else if (roll == 1) {
-    const uint32_t status = give ? _lx_SemaphorePut(&g_st.semaphore) : _lx_SemaphoreGet(&g_st.semaphore, wait);
-    Check("_lx_Semaphore{Put,Get} (stable)", status, S(0, 13));
-    if (status == LX_SUCCESS) g_st.count += give ? 1 : -1;
-  } else if (roll == 2) {
-    const uint32_t got = _lx_BlockAllocate(&g_st.blocks, reinterpret_cast<void**>(&block), wait);
-    Check("_lx_BlockAllocate (stable)", got, S(0, 16, 26));
-    if (got != LX_SUCCESS) return;
-    if (std::any_of(block, block + 24, [](char c) { return c != 0; })) FAIL("%s", "a block was handed out dirty");
-    std::memset(block, 0x5A, 24);
+    if (g_holder.exchange(-1) != self || before != -1) FAIL("mutual exclusion: w%02d shared the mutex", self);
+    if (!fake) Check("_lx_MutexPut (stable)", _lx_MutexPut(&Slot<LX_MUTEX>(kStable)), S(0));
+  } else if (op == 1) {
+    status =
+        give ? _lx_SemaphorePut(&Slot<LX_SEMAPHORE>(kStable)) : _lx_SemaphoreGet(&Slot<LX_SEMAPHORE>(kStable), wait);
+    if (status == LX_SUCCESS) g_count += give ? 1 : -1;
+  } else if (op == 2 && (status = _lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, wait)) == LX_SUCCESS) {
     Check("_lx_BlockRelease (stable)", _lx_BlockRelease(block), S(0));
-  } else {
+  } else if (op == 3) {
     message[1] = give ? ~message[0] : 0;
-    const uint32_t status = Transfer(r(), give, message, wait);
-    Check("a send or receive (stable)", status, S(0, 4, 9, 10, 11, 26));  // 9: lock busy, offset put back
-    if (status == LX_SUCCESS) ++(give ? g_st.sent : g_st.received);
+    status = Transfer(r() % 2, give, message, wait);
+    if (status == LX_SUCCESS) ++(give ? g_sent : g_received);
     if (status == LX_SUCCESS && message[1] != ~message[0]) FAIL("message %lu came damaged", message[0]);
   }
+  Check(kOps[op], status, S(0, 4, 10, 11, 13, 16, 26, 29));
 }
 
 // ---- Workers, the watchdog and the chaos thread ----
@@ -298,39 +230,25 @@ struct Worker {
   std::atomic<time_t> since{0};  // when it began its row or ledger operation; 0 once it has left its loop
 } g_w[kMaxWorkers];
 bool Expendable(uint64_t i) { return i % 5 == 4; }  // the chaos thread may end it: it keeps no ledger
-void* PlainRows(void* seed) {                       // a batch of rows on a plain POSIX thread
-  Rng r(reinterpret_cast<uintptr_t>(seed));
-  for (int i = 0; i < 16; ++i) RandomRow(r, true);
-  return nullptr;
-}
 void TimerRows(uint32_t) {  // two rows on the timer thread, inside an expiration function, at every tick
   static Rng r(g_seed);
   for (int i = 0; i < 2 && !g_stop; ++i) RandomRow(r, false);
 }
 void* WorkerEntry(uint64_t input) {
-  const uint64_t self = input & 0xFF;
-  Worker& w = g_w[self];
+  const int self = input & 0xFF;
   Rng r(g_seed * 1000003 + input);
   t_expendable = Expendable(self);
-  t_doing = &w.doing;
+  t_doing = &g_w[self].doing;
   static LX_SEMAPHORE never = nullptr;  // a forever wait whose wake-up never comes
   if (self == 0 && Injecting("lost-wake-up") && _lx_SemaphoreCreate(&never, "never", 0) == LX_SUCCESS) {
-    w.doing = "_lx_SemaphoreGet (forever)";
+    g_w[self].doing = "_lx_SemaphoreGet (forever)";
     _lx_SemaphoreGet(&never, LX_WAIT_FOREVER);
   }
-  for (pthread_t plain; !g_stop; w.doing = nullptr) {
-    const uint32_t roll = Below(r, 100);
-    w.since = std::time(nullptr);
-    w.doing = "a batch on a plain thread";
-    if (self == 0 && roll == 0 && pthread_create(&plain, nullptr, PlainRows, reinterpret_cast<void*>(r())) == 0) {
-      pthread_join(plain, nullptr);
-    } else if (w.doing = "a ledger operation"; roll < 50 || Expendable(self)) {
-      RandomRow(r, self == 0);
-    } else {
-      LedgerOp(r, self);
-    }
+  for (; !g_stop; g_w[self].doing = nullptr) {
+    g_w[self].since = std::time(nullptr);
+    Below(r, 2) || Expendable(self) ? RandomRow(r, self == 0) : LedgerOp(r, self);
   }
-  w.since = 0;
+  g_w[self].since = 0;
   return nullptr;
 }
 void StartWorker(uint64_t i) {
@@ -345,31 +263,24 @@ void* Watchdog(void*) {  // a plain thread outside the kernel: a worker in one c
       const char* doing = g_w[i].doing;
       const uint64_t took = std::time(nullptr) - g_w[i].since;
       if (doing && took > g_stall && doing == g_w[i].doing)
-        FAIL("hang: w%02lu has been in %s for %lu s", i, doing, took), Exit(2);
+        FAIL("hang: w%02lu has been in %s for %lu s (mutex held by w%d)", i, doing, took, +g_holder), Exit(2);
     }
   }
 }
 long Descriptors() {  // the least of a few looks: a reply pipe may be in flight
   long least = 1 << 30;
-  for (int look = 0; look < 5; ++look, _lx_ThreadSleep(1)) {
+  for (int look = 0; look < 5; ++look, _lx_ThreadSleep(1))
     least = std::min<long>(least, std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-  }
   return least;
 }
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kTerminate = false;  // running workers are not terminated: see docs/testing.md
-#else
-constexpr bool kTerminate = true;
-#endif
 void* ChaosEntry(uint64_t) {
   Rng r(g_seed);
-  LX_TIMER timer = nullptr;
-  const uint32_t made = _lx_MutexCreate(&g_st.mutex, "stable", 0) | _lx_SemaphoreCreate(&g_st.semaphore, "stable", 2) |
-                        _lx_QueueCreate(&g_st.queue, "stable", 4, g_st.framedBuffer, 64) |
-                        QueueCreate(&g_st.framed, "fstable", 16, 8, g_st.framedBuffer, 0, 1) |
-                        CmQueueCreate(&g_st.cmQueue, 4, 4, nullptr) |
-                        _lx_BlockPoolCreate(&g_st.blocks, "stable", 24, g_st.framedBuffer, 72) |
-                        _lx_TimerCreate(&timer, "rows", TimerRows, 0, 1, 1, 1);
+  const uint32_t made = _lx_MutexCreate(&Slot<LX_MUTEX>(kStable), "stable", 0) |
+                        _lx_SemaphoreCreate(&Slot<LX_SEMAPHORE>(kStable), "stable", 2) |
+                        _lx_QueueCreate(&Slot<LX_QUEUE>(kStable), "stable", 4, g_framedBuffer[kStable], 64) |
+                        CmQueueCreate(&Slot<CM_QUEUE>(kStable), 4, 4, nullptr) |
+                        _lx_BlockPoolCreate(&Slot<LX_BLOCK_POOL>(kStable), "stable", 24, g_framedBuffer[kStable], 72) |
+                        _lx_TimerCreate(&Slot<LX_TIMER>(kStable), "rows", TimerRows, 0, 1, 1, 1);
   Check("the stable objects", made, S(0));
   if (std::freopen("/dev/null", "w", stdout) == nullptr) Exit(3);  // the "not implemented" lines
   const long before = Descriptors();
@@ -377,7 +288,7 @@ void* ChaosEntry(uint64_t) {
   for (const time_t end = std::time(nullptr) + g_seconds; std::time(nullptr) < end && g_failures == 0;) {
     const uint32_t i = Below(r, g_workers), kind = Below(r, 4);
     LX_THREAD* worker = &g_w[i].handle;
-    const bool terminate = kind == 2 && kTerminate && Expendable(i);
+    const bool terminate = kind == 2 && !QUORVIN_SANITIZED && Expendable(i);  // see docs/testing.md
     if (kind == 0) Check("_lx_ThreadSuspend (worker)", _lx_ThreadSuspend(worker), S(0));
     if (kind == 1) Check("_lx_ThreadWaitAbort (worker)", _lx_ThreadWaitAbort(worker), S(0, 27));
     if (terminate) Check("_lx_ThreadTerminate (worker)", _lx_ThreadTerminate(worker), S(0));
@@ -387,45 +298,37 @@ void* ChaosEntry(uint64_t) {
   }
   g_stop = true;
   for (uint64_t i = 0; i < g_workers; ++i) {  // each may be suspended or waiting forever; else the watchdog reports it
-    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1)) {
-      _lx_ThreadResume(worker);
-      _lx_ThreadWaitAbort(worker);
-    }
+    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1))
+      _lx_ThreadResume(worker), _lx_ThreadWaitAbort(worker);
     Check("_lx_ThreadTerminate (ended worker)", _lx_ThreadTerminate(&g_w[i].handle), S(0));
     Check("_lx_ThreadDelete (ended worker)", _lx_ThreadDelete(&g_w[i].handle), S(0));
   }
   // Every ledger must balance now, with the rows' threads gone. Their host queues stay open, as a queue delete is
   // not implemented. The faults to inject: a message lost, a put not counted, a block and a descriptor leaked.
   long open = 0, count = 0, free = 0;
-  for (uint64_t i = 0; i < 3; ++i) {
+  for (uint64_t i = 0; i < kStable; ++i) {
     for (LX_QUEUE q : {Slot<LX_QUEUE>(i), Slot<FramedQueueCtrl>(i).psMsgQueue}) open += q && q->i32MqDes >= 0;
-    for (int tries = 0; Slot<LX_THREAD>(i) != nullptr && tries < 100; ++tries, _lx_ThreadSleep(1)) {
-      _lx_ThreadResume(&Slot<LX_THREAD>(i));  // it may be suspended, or never started
-      _lx_ThreadTerminate(&Slot<LX_THREAD>(i));
-      if (_lx_ThreadDelete(&Slot<LX_THREAD>(i)) == LX_SUCCESS) Slot<LX_THREAD>(i) = nullptr;
-    }
+    for (int tries = 0; Slot<LX_THREAD>(i) != nullptr && tries < 100; ++tries, _lx_ThreadSleep(1))  // suspended?
+      _lx_ThreadResume(&Slot<LX_THREAD>(i)), _lx_ThreadTerminate(&Slot<LX_THREAD>(i)),
+          DeleteThread(&Slot<LX_THREAD>(i));
     if (Slot<LX_THREAD>(i) != nullptr) FAIL("a row's thread in slot %lu would not end", i);
   }
   void* block = nullptr;
   if (Injecting("ledgers")) {
-    ++g_st.sent;
-    _lx_SemaphorePut(&g_st.semaphore);
-    _lx_BlockAllocate(&g_st.blocks, &block, LX_NO_WAIT);
+    ++g_sent;
+    _lx_SemaphorePut(&Slot<LX_SEMAPHORE>(kStable));
+    _lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, LX_NO_WAIT);
     std::fopen("/dev/null", "r");
   }
-  for (uint64_t m[2];
-       Transfer(0, false, m, 0) == 0 || Transfer(1, false, m, 0) == 0 || Transfer(2, false, m, 0) == 0;) {
-    ++g_st.received;
-  }
-  while (_lx_SemaphoreGet(&g_st.semaphore, LX_NO_WAIT) == LX_SUCCESS) ++count;
-  while (_lx_BlockAllocate(&g_st.blocks, &block, LX_NO_WAIT) == LX_SUCCESS) ++free;
+  for (uint64_t m[2], q = 0; q < 2;) Transfer(q, false, m, 0) == LX_SUCCESS ? ++g_received : ++q;
+  while (_lx_SemaphoreGet(&Slot<LX_SEMAPHORE>(kStable), LX_NO_WAIT) == LX_SUCCESS) ++count;
+  while (_lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, LX_NO_WAIT) == LX_SUCCESS) ++free;
   const long leaked = Descriptors() - before - open;
-  if (g_st.sent != g_st.received || count != g_st.count || free != 3 || leaked != 0) {
+  if (g_sent != g_received || count != g_count || free != 3 || leaked != 0) {
     FAIL("ledgers: %ld messages lost, semaphore count off by %ld, %ld blocks and %ld descriptors leaked",
-         g_st.sent - g_st.received, count - g_st.count, 3 - free, leaked);
+         g_sent - g_received, count - g_count, 3 - free, leaked);
   }
-  if (g_failures == 0)
-    std::fprintf(stderr, "stress: PASS seed %lu: %lu calls, %ld messages\n", g_seed, +g_calls, +g_st.sent);
+  if (g_failures == 0) std::fprintf(stderr, "stress: PASS seed %lu: %lu calls\n", g_seed, +g_calls);
   Exit(g_failures == 0 ? 0 : 1);
 }
 
@@ -441,12 +344,10 @@ void Define() {
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const char* a = argv[i];
-    if (std::sscanf(a, "--seconds=%lu", &g_seconds) + std::sscanf(a, "--workers=%lu", &g_workers) +
-            std::sscanf(a, "--seed=%lu", &g_seed) + std::sscanf(a, "--stall=%lu", &g_stall) +
-            std::sscanf(a, "--inject=%31s", g_inject) !=
-        1) {
-      return std::fprintf(stderr, "stress: unknown option %s (see stress.cpp)\n", a), 2;
-    }
+    const int matched = std::sscanf(a, "--seconds=%lu", &g_seconds) + std::sscanf(a, "--workers=%lu", &g_workers) +
+                        std::sscanf(a, "--seed=%lu", &g_seed) + std::sscanf(a, "--stall=%lu", &g_stall) +
+                        std::sscanf(a, "--inject=%31s", g_inject);
+    if (matched != 1) return std::fprintf(stderr, "stress: unknown option %s (see stress.cpp)\n", a), 2;
   }
   g_workers = std::clamp<uint64_t>(g_workers, 1, kMaxWorkers);
   quorvin::test::EnterIsolation();
