@@ -261,9 +261,9 @@ void* Watchdog(void*) {  // a plain thread outside the kernel: a worker in one c
     if ((still = g_calls == last ? still + 1 : 0) > g_stall) FAIL("hang: no call returned for %lu s", still), Exit(2);
     for (uint64_t i = 0; i < g_workers; ++i) {
       const char* doing = g_w[i].doing;
-      const uint64_t took = std::time(nullptr) - g_w[i].since;
-      if (doing && took > g_stall && doing == g_w[i].doing)
-        FAIL("hang: w%02lu has been in %s for %lu s (mutex held by w%d)", i, doing, took, +g_holder), Exit(2);
+      const time_t since = g_w[i].since;  // 0: out of its loop (a terminated worker's thread may still leave it)
+      if (doing && since && uint64_t(std::time(nullptr) - since) > g_stall && doing == g_w[i].doing)
+        FAIL("hang: w%02lu has been in %s since %ld (mutex held by w%d)", i, doing, since, +g_holder), Exit(2);
     }
   }
 }
