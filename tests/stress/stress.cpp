@@ -160,7 +160,8 @@ void Row(Rng& r) {
 }
 // The last four rows run in worker 0 only: creates, as two on one empty slot would lose an object, the state that
 // an application must not share between threads (a timer used while another thread deletes it is used after its
-// free), and the pipe round trip, whose pipe a terminate in the middle would leave open.
+// free), the pipe round trip, whose pipe a terminate in the middle would leave open, and the host queue's delete,
+// info get and prioritize, whose "not implemented" line ends the process when a terminate lands in it.
 constexpr void (*kRows[])(Rng&) = {
     Row<S(0, 1, 3, 19, 26, 28, 29), _lx_MutexGet, _lx_MutexPut, _lx_MutexDelete, _lx_MutexPrioritize, _lx_MutexInfoGet>,
     Row<S(0, 3, 4, 6, 7, 8, 19), _lx_EventFlagsGet, _lx_EventFlagsSet, _lx_EventFlagsInfoGet, _lx_EventFlagsDelete>,
@@ -169,15 +170,15 @@ constexpr void (*kRows[])(Rng&) = {
         _lx_BytePoolInfoGet, _lx_BytePoolPrioritize>,
     Row<S(0, 4, 12, 13, 14, 19), _lx_SemaphoreGet, _lx_SemaphorePut, _lx_SemaphoreDelete, _lx_SemaphoreInfoGet,
         _lx_SemaphorePrioritize, _lx_ThreadSleep, TimeGet>,
-    Row<S(0, 3, 9, 10, 11), _lx_QueueSend, _lx_QueueFrontSend, LP_QueueSend, _lx_QueueReceive, _lx_QueueFlush,
-        _lx_QueueDelete, _lx_QueueInfoGet, _lx_QueuePrioritize>,
+    Row<S(0, 3, 9, 10, 11), _lx_QueueSend, _lx_QueueFrontSend, LP_QueueSend, _lx_QueueReceive, _lx_QueueFlush>,
     Row<S(0, 2, 3, 5, 6, 9, 12, 14, 15, 16, 19, 21, 22, 23, 24, 28, 31), _lx_MutexCreate, _lx_EventFlagsCreate,
         _lx_BlockPoolCreate, _lx_BytePoolCreate, _lx_SemaphoreCreate, _lx_QueueCreate, _lx_TimerCreate, FramedCreate,
         CmQueueMake, _lx_ThreadCreate>,
     Row<S(0, 3, 19, 21, 22), _lx_TimerDelete, _lx_TimerActivate, _lx_TimerDeactivate, _lx_TimerChange,
         _lx_TimerInfoGet>,
-    Row<S(0, 1, 3, 4, 9, 10, 11, 26, 29), QueueSend, QueueReceive, QueueFlush, CmQueueSend, CmQueueFrontSend,
-        CmQueueReceive, CmQueueFlush, CmQueuePrioritize, CmQueueDelete>,
+    Row<S(0, 1, 3, 4, 9, 10, 11, 26, 29), _lx_QueueDelete, _lx_QueueInfoGet, _lx_QueuePrioritize, QueueSend,
+        QueueReceive, QueueFlush, CmQueueSend, CmQueueFrontSend, CmQueueReceive, CmQueueFlush, CmQueuePrioritize,
+        CmQueueDelete>,
     Row<S(0, 3, 14, 15, 17, 19, 24, 27), _lx_ThreadResume, _lx_ThreadSuspend, _lx_ThreadTerminate, DeleteThread,
         _lx_ThreadWaitAbort, _lx_ThreadInfoGet, _lx_ThreadPriorityChange, _lx_ThreadPreemptionChange, WakeUpPipe>};
 void RandomRow(Rng& r, bool solo) { kRows[r() % (solo ? std::size(kRows) : std::size(kRows) - 4)](r); }
@@ -192,11 +193,19 @@ uint32_t Transfer(bool cm, bool send, uint64_t* m, uint32_t wait) {
   if (!cm) return send ? _lx_QueueSend(queue, m, wait) : _lx_QueueReceive(queue, m, wait);
   return send ? CmQueueSend(&Slot<CM_QUEUE>(kStable), m, wait) : CmQueueReceive(&Slot<CM_QUEUE>(kStable), m, wait);
 }
+constexpr uint64_t kMaxWorkers = 44;
+struct Worker {
+  LX_THREAD handle = nullptr;
+  std::atomic<const char*> doing{nullptr};
+  std::atomic<time_t> since{0};     // when it began its row or ledger operation; 0 once it has left its loop
+  std::atomic<bool> ledger{false};  // in a ledger operation: not suspended nor aborted, a lost time-out hangs
+} g_w[kMaxWorkers];
 void LedgerOp(Rng& r, int self) {  // workers that the chaos thread may terminate never run these
   static constexpr const char* kOps[] = {"the stable mutex", "the stable semaphore", "the stable pool", "a queue"};
   const uint32_t op = Below(r, 4), wait = Below(r, 5) ? Wait(r) : 3;
   const bool give = r() % 2, fake = self == 0 && Injecting("mutual-exclusion");  // "holds" the mutex without a get
-  t_doing->store(kOps[op]);                                                      // for the watchdog's report
+  g_w[self].ledger = true;
+  t_doing->store(kOps[op]);  // for the watchdog's report
   uint64_t message[2] = {r(), 0};
   void* block = nullptr;
   uint32_t status = LX_SUCCESS;
@@ -220,15 +229,10 @@ void LedgerOp(Rng& r, int self) {  // workers that the chaos thread may terminat
     if (status == LX_SUCCESS && message[1] != ~message[0]) FAIL("message %lu came damaged", message[0]);
   }
   Check(kOps[op], status, S(0, 4, 10, 11, 13, 16, 26, 29));
+  g_w[self].ledger = false;
 }
 
 // ---- Workers, the watchdog and the chaos thread ----
-constexpr uint64_t kMaxWorkers = 44;
-struct Worker {
-  LX_THREAD handle = nullptr;
-  std::atomic<const char*> doing{nullptr};
-  std::atomic<time_t> since{0};  // when it began its row or ledger operation; 0 once it has left its loop
-} g_w[kMaxWorkers];
 bool Expendable(uint64_t i) { return i % 5 == 4; }  // the chaos thread may end it: it keeps no ledger
 void TimerRows(uint32_t) {  // two rows on the timer thread, inside an expiration function, at every tick
   static Rng r(g_seed);
@@ -286,9 +290,11 @@ void* ChaosEntry(uint64_t) {
   const long before = Descriptors();
   for (uint64_t i = 0; i < g_workers; ++i) StartWorker(i);
   for (const time_t end = std::time(nullptr) + g_seconds; std::time(nullptr) < end && g_failures == 0;) {
-    const uint32_t i = Below(r, g_workers), kind = Below(r, 4);
+    const uint32_t i = Below(r, g_workers);
+    uint32_t kind = Below(r, 4);
     LX_THREAD* worker = &g_w[i].handle;
     const bool terminate = kind == 2 && !QUORVIN_SANITIZED && Expendable(i);  // see docs/testing.md
+    if (g_w[i].ledger) kind = 3;  // a ledger operation runs undisturbed: see the open findings in docs/testing.md
     if (kind == 0) Check("_lx_ThreadSuspend (worker)", _lx_ThreadSuspend(worker), S(0));
     if (kind == 1) Check("_lx_ThreadWaitAbort (worker)", _lx_ThreadWaitAbort(worker), S(0, 27));
     if (terminate) Check("_lx_ThreadTerminate (worker)", _lx_ThreadTerminate(worker), S(0));
@@ -298,8 +304,10 @@ void* ChaosEntry(uint64_t) {
   }
   g_stop = true;
   for (uint64_t i = 0; i < g_workers; ++i) {  // each may be suspended or waiting forever; else the watchdog reports it
-    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1))
-      _lx_ThreadResume(worker), _lx_ThreadWaitAbort(worker);
+    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1)) {
+      _lx_ThreadResume(worker);
+      if (!g_w[i].ledger) _lx_ThreadWaitAbort(worker);
+    }
     Check("_lx_ThreadTerminate (ended worker)", _lx_ThreadTerminate(&g_w[i].handle), S(0));
     Check("_lx_ThreadDelete (ended worker)", _lx_ThreadDelete(&g_w[i].handle), S(0));
   }
