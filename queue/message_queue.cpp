@@ -97,6 +97,9 @@ LX_STATUS Transfer(LX_QUEUE* handle, void* buffer, uint32_t waitOption, bool sen
 }
 
 LX_STATUS NotImplemented(const char* service) noexcept {
+  // printf is a cancellation point, and a terminate may not unwind through
+  // a noexcept function: it would end the whole process.
+  NoCancelScope noCancel;
   std::printf("%s is not implement\n", service);
   return LX_SUCCESS;
 }
