@@ -2,6 +2,7 @@
 // sleep-agent passes; and the semaphores and event-flag groups served in the calling thread.
 #include <climits>
 #include <cstdlib>
+#include <functional>
 #include <random>
 #include <thread>
 #include <tuple>
@@ -15,16 +16,14 @@ using namespace quorvin::detail;
 
 class SyncTest : public KernelTest {
  protected:
-  void TearDown() override { waiters_.JoinAll(); }
   // A thread whose get on a group served in the calling thread has armed its wait when this returns.
   Waiter& Wait(LX_EVENT_FLAGS& group, uint32_t requested, uint16_t option, uint32_t wait = LX_WAIT_FOREVER) {
-    uint32_t* actual = &actuals_.emplace_back(0);
-    auto get = [=, &group] { return _lx_EventFlagsGet(&group, requested, option, actual, wait); };
-    return waiters_.Start(
-        get, [&group, armed = Peek(group->u32WaitCount) + 1] { return Peek(group->u32WaitCount) == armed; });
+    auto armed = [&group, n = Peek(group->u32WaitCount) + 1] { return Peek(group->u32WaitCount) == n; };
+    return waiters_.Start(std::bind(_lx_EventFlagsGet, &group, requested, option, &actuals_.emplace_back(0), wait),
+                          armed);
   }
-  Waiters waiters_;
   std::deque<uint32_t> actuals_;
+  Waiters waiters_;  // joined first, before what its threads write to
 };
 
 // The dispatcher's waiting classes, each with a get that must wait: its object and list, service codes
@@ -37,18 +36,19 @@ struct WaitClass {
   bool byPriority;  // a give serves the best priority (the one nearest the last end among equals), else the longest
 };
 
-TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAreAbortedMovedAndDeleted) {
+TEST_F(SyncTest,
+       ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAreAbortedMovedAndDeletedAndFlagsTakenLiterally) {
   static LX_MUTEX mutex = nullptr, inheriting = nullptr;
   static auto* block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
   static LX_EVENT_FLAGS group = nullptr;
   block->u32Ceiling = 2;
-  auto semaphore = [](uint16_t code, uint32_t wait = 0) { return Issue(code, &block, wait); };
+  auto semaphore = [](uint16_t code) { return Issue(code, &block); };
   CmSemaphoreControlBlock* none = nullptr;
   EXPECT_EQ(
       (Statuses{_lx_MutexCreate(&mutex, "m", 0), _lx_MutexGet(&mutex, 0), _lx_MutexGet(&mutex, 0),
                 _lx_MutexCreate(&inheriting, "i", 1), _lx_MutexGet(&inheriting, 0),
                 _lx_EventFlagsCreate(&group, "class"), semaphore(CM_SEMAPHORE_PUT), semaphore(CM_SEMAPHORE_PUT),
-                semaphore(CM_SEMAPHORE_PUT), semaphore(CM_SEMAPHORE_GET), semaphore(CM_SEMAPHORE_GET, 9),
+                semaphore(CM_SEMAPHORE_PUT), semaphore(CM_SEMAPHORE_GET), semaphore(CM_SEMAPHORE_GET),
                 semaphore(CM_SEMAPHORE_GET), semaphore(0x74), Issue(CM_SEMAPHORE_PUT, &none),
                 Issue(CM_SEMAPHORE_GET, nullptr)}),
       (Statuses{0, 0, LX_NOT_AVAILABLE, 0, 0, 0, 0, 0, 0, 0, 0, LX_NO_INSTANCE, LX_NOT_AVAILABLE, LX_SEMAPHORE_ERROR,
@@ -65,8 +65,7 @@ TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAre
   static uint32_t actual = 0;
   for (const WaitClass& c : classes) {
     auto get = [&](uint32_t wait, uint16_t priority = 32) -> Waiter& {
-      return waiters_.StartOn(
-          c.list, [&c, wait] { return Issue(c.get, c.object, wait, 0x100, 1, &actual); }, priority);
+      return waiters_.StartOn(c.list, std::bind(Issue, c.get, c.object, wait, 0x100, 1, &actual), priority);
     };
     auto give = [&c] { return Issue(c.give, c.object, 0, 0x100); };
     Waiter* w[] = {&get(LX_WAIT_FOREVER, 10), &get(LX_WAIT_FOREVER, 5), &get(LX_WAIT_FOREVER, 5)};
@@ -90,10 +89,33 @@ TEST_F(SyncTest, ClassWaitsAreServedInOrderTimeOutOnThePassAfterTheirTicksAndAre
       EXPECT_EQ((std::tuple{Issue(c.prioritize, c.object), FirstWaiter(c.list)}), std::tuple(0, &moved.handle));
     }
     Waiter& finite = get(30);
-    EXPECT_EQ((std::tuple{Issue(c.remove, c.object), Waiters::StatusOf(kept), Waiters::StatusOf(finite),
-                          SleepAgentEntries()}),
-              std::tuple(0, LX_DELETED, LX_DELETED, size_t{0}));
+    EXPECT_EQ((std::tuple{Issue(c.remove, c.object), Waiters::StatusOf(kept), Waiters::StatusOf(finite)}),
+              std::tuple(0, LX_DELETED, LX_DELETED));
   }
+  // The event-flag class clears all flags on a clearing get and takes its bits literally.
+  ASSERT_EQ(_lx_EventFlagsCreate(&group, "again"), LX_SUCCESS);
+  auto set = [](uint64_t flags, uint64_t option = 0) { return Issue(CM_EVENT_FLAGS_SET, &group, 0, flags, option); };
+  auto get = [](uint64_t requested, uint64_t option, uint32_t* out, uint32_t wait = 0) {
+    return Issue(CM_EVENT_FLAGS_GET, &group, wait, requested, option, out);
+  };
+  uint32_t a = 0, c = 0;
+  // A clearing get clears all flags; a set option's low 16 bits count (0x10002: AND).
+  EXPECT_EQ((Statuses{set(0x6), get(0x2, 1, &a), a, Peek(group->u32CurrentFlags), get(0, 2, &a), get(0, 0, &a),
+                      get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &a), get(0x100000001ull, 0, &a),
+                      set(0x0A, 0x10002)}),
+            (Statuses{0, 0, 0x6, 0, 0, LX_NO_EVENTS, LX_PTR_ERROR, 0, LX_NO_EVENTS, 0, 0}));
+  CmServiceRequest check{};  // the check alone never clears
+  std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&group, 0x3, 2);
+  EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, set(0, 2)}),
+            std::tuple(0, LX_NO_EVENTS, 0));
+  Waiter& all = waiters_.StartOn(group->sSuspendCtrl, [&] { return get(0x5, 2, &c, LX_WAIT_FOREVER); });
+  // The direct side does not examine the class's waiters; the next set of the class does, even a refused one.
+  EXPECT_EQ((std::tuple{set(0x1), all.Done(), _lx_EventFlagsSet(&group, 0x4, LX_OR), all.Done(), set(0x8, 1),
+                        Waiters::StatusOf(all), c}),
+            std::tuple(0, false, 0, false, LX_OPTION_ERROR, 0u, 0x5u));
+  EXPECT_EQ((Statuses{Issue(0x34, &group), Issue(CM_EVENT_FLAGS_DELETE, &group), set(0x1), get(0x1, 0, &a),
+                      Issue(CM_EVENT_FLAGS_DELETE, &group), _lx_EventFlagsCreate(&group, "again")}),
+            (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));  // slot given back
 }
 
 // Requests that passed their callers' checks, served in one pass behind a delete, find no mutex.
@@ -142,75 +164,45 @@ TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndCreationsOutputsAndCallersAr
     outside = (Statuses{_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexPrioritize(m), _lx_MutexDelete(m),
                         _lx_EventFlagsCreate(&created, "o"), _lx_EventFlagsGet(&group, 0x4, LX_OR, &u, 5)});
   }).join();
-  EXPECT_EQ(OnTimerThread([&]() -> Statuses {
-              return (Statuses{
-                  _lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&fromTimer, "t", 0),
-                  _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, nullptr, 5),
-                  _lx_SemaphoreCreate(&semaphoreFromTimer, "t", 0), _lx_SemaphoreGet(&s, 10), _lx_SemaphoreGet(&s, 0),
-                  _lx_SemaphoreGet(&s, 0), _lx_SemaphorePut(&s), _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5),
-                  _lx_EventFlagsCreate(&created, "t"), _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)});
-            }),
-            (Statuses{19, 19, 19, 0, 0, LX_WAIT_ERROR, 19, LX_WAIT_ERROR, 0, LX_NO_INSTANCE, 0, LX_WAIT_ERROR, 19, 0}));
-  EXPECT_EQ((std::tuple{outside, semaphoreFromTimer, created, Peek(group->u32CurrentFlags), _lx_SemaphoreGet(&s, 0)}),
-            std::tuple(Statuses{28, 28, 28, 28, 19, 19}, nullptr, nullptr, 0x2u, LX_SUCCESS));
-}
-
-TEST_F(SyncTest, EventFlagsClassClearsAllTakesBitsLiterallyAndExaminesItsWaitersOnEverySet) {
-  static LX_EVENT_FLAGS group = nullptr;
-  ASSERT_EQ(_lx_EventFlagsCreate(&group, "class"), LX_SUCCESS);
-  auto set = [](uint64_t flags, uint64_t option = 0) { return Issue(CM_EVENT_FLAGS_SET, &group, 0, flags, option); };
-  auto get = [](uint64_t requested, uint64_t option, uint32_t* actual, uint32_t wait = 0) {
-    return Issue(CM_EVENT_FLAGS_GET, &group, wait, requested, option, actual);
-  };
-  uint32_t a = 0, c = 0;
-  // A clearing get clears all flags; a set option's low 16 bits count (0x10002: AND).
-  EXPECT_EQ((Statuses{set(0x6), get(0x2, 1, &a), a, Peek(group->u32CurrentFlags), get(0, 2, &a), get(0, 0, &a),
-                      get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &a), get(0x100000001ull, 0, &a),
-                      set(0x0A, 0x10002)}),
-            (Statuses{0, 0, 0x6, 0, 0, LX_NO_EVENTS, LX_PTR_ERROR, 0, LX_NO_EVENTS, 0, 0}));
-  CmServiceRequest check{};  // the check alone never clears
-  std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&group, 0x3, 2);
-  EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, set(0, 2)}),
-            std::tuple(0, LX_NO_EVENTS, 0));
-  Waiter& all = waiters_.StartOn(group->sSuspendCtrl, [&] { return get(0x5, 2, &c, LX_WAIT_FOREVER); });
-  // The direct side does not examine the class's waiters; the next set of the class does, even a refused one.
-  EXPECT_EQ((std::tuple{set(0x1), all.Done(), _lx_EventFlagsSet(&group, 0x4, LX_OR), all.Done(), set(0x8, 1),
-                        Waiters::StatusOf(all), c}),
-            std::tuple(0, false, 0, false, LX_OPTION_ERROR, 0u, 0x5u));
-  EXPECT_EQ((Statuses{Issue(0x34, &group), Issue(CM_EVENT_FLAGS_DELETE, &group), set(0x1), get(0x1, 0, &a),
-                      Issue(CM_EVENT_FLAGS_DELETE, &group), _lx_EventFlagsCreate(&group, "again")}),
-            (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));  // slot given back
+  EXPECT_EQ(
+      OnTimerThread([&]() -> Statuses {
+        return (Statuses{_lx_MutexGet(m, 0), _lx_MutexPut(m), _lx_MutexDelete(m), _lx_MutexCreate(&fromTimer, "t", 0),
+                         _lx_MutexPrioritize(m), Issue(CM_SEMAPHORE_GET, nullptr, 5),
+                         _lx_SemaphoreCreate(&semaphoreFromTimer, "t", 0), _lx_SemaphoreGet(&s, 10),
+                         _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 0), _lx_EventFlagsGet(&group, 0x2, LX_OR, &u, 5),
+                         _lx_EventFlagsCreate(&created, "t"), _lx_EventFlagsGet(&group, 0x4, LX_OR_CLEAR, &u, 0)});
+      }),
+      (Statuses{19, 19, 19, 0, 0, LX_WAIT_ERROR, 19, LX_WAIT_ERROR, 0, LX_NO_INSTANCE, LX_WAIT_ERROR, 19, 0}));
+  EXPECT_EQ((std::tuple{outside, semaphoreFromTimer, created, Peek(group->u32CurrentFlags)}),
+            std::tuple(Statuses{28, 28, 28, 28, 19, 19}, nullptr, nullptr, 0x2u));
 }
 
 TEST_F(SyncTest, EventFlagsMatchByTheRuleCheckOptionsInOrderAndASetWakesEverySatisfiedWaiter) {
   // (current, requested, option: 0 OR, 1 OR_CLEAR, 2 AND, 3 AND_CLEAR) -> satisfied
-  using Row = std::tuple<uint32_t, uint32_t, uint16_t, uint32_t>;
+  using Row = std::array<uint32_t, 4>;
   for (auto [current, requested, option, expected] :
-       {Row{0u, 0u, 2, 0u}, Row{0x5u, 0u, 2, 0u}, Row{0u, 0x1u, 0, 0u}, Row{0x5u, 0x4u, 0, 1u}, Row{0x5u, 0x6u, 1, 1u},
-        Row{0x5u, 0x6u, 2, 0u}, Row{0x7u, 0x6u, 3, 1u}, Row{0x4u, 0x5u, 3, 0u}, Row{0x5u, 0x6u, 6, 1u}}) {
+       {Row{0, 0, 2, 0}, Row{5, 0, 2, 0}, Row{0, 1, 0, 0}, Row{5, 4, 0, 1}, Row{5, 6, 1, 1}, Row{5, 6, 2, 0},
+        Row{7, 6, 3, 1}, Row{4, 5, 3, 0}, Row{5, 6, 6, 1}}) {
     EXPECT_EQ(EventFlagCmp(current, requested, option), expected) << current << " " << requested;
   }
   static LX_EVENT_FLAGS group = nullptr;
   ASSERT_EQ(_lx_EventFlagsCreate(&group, "flags"), LX_SUCCESS);
   LX_EVENT_FLAGS unknown = group;  // names the record, but is not a registered handle
   uint32_t actual = 0;
-  EXPECT_EQ(
-      (Statuses{_lx_EventFlagsSet(&group, 0x0F, LX_OR), _lx_EventFlagsGet(&group, 0x30, LX_OR, &actual, 0),
-                _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0), actual, Peek(group->u32CurrentFlags),
-                _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0),
-                _lx_EventFlagsGet(&unknown, 1, 9, nullptr, 5), _lx_EventFlagsGet(&group, 1, 9, nullptr, 5),
-                _lx_EventFlagsGet(&group, 1, 4, &actual, 5), _lx_EventFlagsSet(&unknown, 1, 9),
-                _lx_EventFlagsSet(nullptr, 1, 0), _lx_EventFlagsSet(&group, 0x06, LX_AND),
-                _lx_EventFlagsSet(&group, 0xFF, 1), _lx_EventFlagsSet(&group, 0xFF, 4), Peek(group->u32CurrentFlags)}),
-      (Statuses{0, LX_NO_EVENTS, 0, 0x0F, 0x0A, LX_NO_EVENTS, LX_GROUP_ERROR, LX_PTR_ERROR, LX_OPTION_ERROR,
-                LX_GROUP_ERROR, LX_GROUP_ERROR, 0, LX_OPTION_ERROR, LX_OPTION_ERROR, 0x02}));
+  EXPECT_EQ((Statuses{_lx_EventFlagsSet(&group, 0x0F, LX_OR), _lx_EventFlagsGet(&group, 0x30, LX_OR, &actual, 0),
+                      _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0), actual, Peek(group->u32CurrentFlags),
+                      _lx_EventFlagsGet(&group, 0x05, LX_AND_CLEAR, &actual, 0),
+                      _lx_EventFlagsGet(&unknown, 1, 9, nullptr, 5), _lx_EventFlagsGet(&group, 1, 9, nullptr, 5),
+                      _lx_EventFlagsGet(&group, 1, 4, &actual, 5), _lx_EventFlagsSet(&unknown, 1, 9),
+                      _lx_EventFlagsSet(&group, 0x06, LX_AND), _lx_EventFlagsSet(&group, 0xFF, 1),
+                      Peek(group->u32CurrentFlags)}),
+            (Statuses{0, LX_NO_EVENTS, 0, 0x0F, 0x0A, LX_NO_EVENTS, LX_GROUP_ERROR, LX_PTR_ERROR, LX_OPTION_ERROR,
+                      LX_GROUP_ERROR, 0, LX_OPTION_ERROR, 0x02}));
   ASSERT_EQ(_lx_EventFlagsSet(&group, 0, LX_AND), LX_SUCCESS);
   auto set = [](uint32_t flags) { return _lx_EventFlagsSet(&group, flags, LX_OR); };
   auto state = [] { return std::tuple(Peek(group->u32CurrentFlags), Peek(group->u32WaitCount)); };
-  Waiter& any = Wait(group, 0x2, LX_OR);
-  Waiter& all = Wait(group, 0x6, LX_AND);
-  Waiter& a = Wait(group, 0x1, LX_OR_CLEAR);
-  Waiter& b = Wait(group, 0x1, LX_OR_CLEAR);
+  Waiter &any = Wait(group, 0x2, LX_OR), &all = Wait(group, 0x6, LX_AND);
+  Waiter &a = Wait(group, 0x1, LX_OR_CLEAR), &b = Wait(group, 0x1, LX_OR_CLEAR);
   EXPECT_EQ((std::tuple{set(0x3), Waiters::StatusOf(any), Waiters::StatusOf(a), actuals_[2], state(), b.Done()}),
             std::tuple(0, 0u, 0u, 3u, std::tuple(2u, 2u), false));  // 0x1 cleared for the later one
   EXPECT_EQ(
