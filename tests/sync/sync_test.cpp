@@ -14,16 +14,8 @@ namespace {
 
 using namespace quorvin::detail;
 
-class SyncTest : public KernelTest {
- protected:
-  // A thread whose get on a group served in the calling thread has armed its wait when this returns.
-  Waiter& Wait(LX_EVENT_FLAGS& group, uint32_t requested, uint16_t option, uint32_t wait = LX_WAIT_FOREVER) {
-    auto armed = [&group, n = Peek(group->u32WaitCount) + 1] { return Peek(group->u32WaitCount) == n; };
-    return waiters_.Start(std::bind(_lx_EventFlagsGet, &group, requested, option, &actuals_.emplace_back(0), wait),
-                          armed);
-  }
-  std::deque<uint32_t> actuals_;
-  Waiters waiters_;  // joined first, before what its threads write to
+struct SyncTest : KernelTest {
+  Waiters waiters_;
 };
 
 // The dispatcher's waiting classes, each with a get that must wait: its object and list, service codes
@@ -74,15 +66,13 @@ TEST_F(SyncTest,
                           Waiters::StatusOf(*w[1]), w[2]->Done(), give(), Waiters::StatusOf(*w[2])}),
               std::tuple(c.state, 0, 0u, false, 0, 0u, false, 0, 0u))
         << c.get << " " << c.byPriority;
-    Waiter& late = get(5);
+    Waiter &late = get(5), &aborted = get(LX_WAIT_FOREVER), &kept = get(LX_WAIT_FOREVER);
     Timer().RunPasses(5);
     EXPECT_FALSE(late.Done());
     Timer().RunPasses(1);  // returns once the dispatcher has handled the expiry
-    Waiter& aborted = get(5);
     EXPECT_EQ((Statuses{Waiters::StatusOf(late), StateOf(late.handle), _lx_ThreadWaitAbort(&aborted.handle),
                         Waiters::StatusOf(aborted)}),
               (Statuses{c.timeout, LX_STATE_READY, 0, LX_WAIT_ABORTED}));
-    Waiter& kept = get(LX_WAIT_FOREVER);
     if (c.prioritize != 0) {
       get(LX_WAIT_FOREVER, 10);
       Waiter& moved = get(LX_WAIT_FOREVER, 10);  // ties with the one before it: the one nearer the last end moves
@@ -98,22 +88,21 @@ TEST_F(SyncTest,
   auto get = [](uint64_t requested, uint64_t option, uint32_t* out, uint32_t wait = 0) {
     return Issue(CM_EVENT_FLAGS_GET, &group, wait, requested, option, out);
   };
-  uint32_t a = 0, c = 0;
   // A clearing get clears all flags; a set option's low 16 bits count (0x10002: AND).
-  EXPECT_EQ((Statuses{set(0x6), get(0x2, 1, &a), a, Peek(group->u32CurrentFlags), get(0, 2, &a), get(0, 0, &a),
-                      get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &a), get(0x100000001ull, 0, &a),
-                      set(0x0A, 0x10002)}),
+  EXPECT_EQ((Statuses{set(0x6), get(0x2, 1, &actual), actual, Peek(group->u32CurrentFlags), get(0, 2, &actual),
+                      get(0, 0, &actual), get(0x1, 0, nullptr), set(0xFFFFFFFF), get(0x100000001ull, 2, &actual),
+                      get(0x100000001ull, 0, &actual), set(0x0A, 0x10002)}),
             (Statuses{0, 0, 0x6, 0, 0, LX_NO_EVENTS, LX_PTR_ERROR, 0, LX_NO_EVENTS, 0, 0}));
   CmServiceRequest check{};  // the check alone never clears
   std::tie(check.pvObject, check.u64Value, check.u64Option) = std::tuple(&group, 0x3, 2);
   EXPECT_EQ((std::tuple{CM_EventFlagsStatusChecking(&check), check.u16Status, set(0, 2)}),
             std::tuple(0, LX_NO_EVENTS, 0));
-  Waiter& all = waiters_.StartOn(group->sSuspendCtrl, [&] { return get(0x5, 2, &c, LX_WAIT_FOREVER); });
+  Waiter& all = waiters_.StartOn(group->sSuspendCtrl, [&] { return get(0x5, 2, &actual, LX_WAIT_FOREVER); });
   // The direct side does not examine the class's waiters; the next set of the class does, even a refused one.
   EXPECT_EQ((std::tuple{set(0x1), all.Done(), _lx_EventFlagsSet(&group, 0x4, LX_OR), all.Done(), set(0x8, 1),
-                        Waiters::StatusOf(all), c}),
+                        Waiters::StatusOf(all), actual}),
             std::tuple(0, false, 0, false, LX_OPTION_ERROR, 0u, 0x5u));
-  EXPECT_EQ((Statuses{Issue(0x34, &group), Issue(CM_EVENT_FLAGS_DELETE, &group), set(0x1), get(0x1, 0, &a),
+  EXPECT_EQ((Statuses{Issue(0x34, &group), Issue(CM_EVENT_FLAGS_DELETE, &group), set(0x1), get(0x1, 0, &actual),
                       Issue(CM_EVENT_FLAGS_DELETE, &group), _lx_EventFlagsCreate(&group, "again")}),
             (Statuses{LX_NOT_AVAILABLE, 0, LX_GROUP_ERROR, LX_GROUP_ERROR, LX_GROUP_ERROR, 0}));  // slot given back
 }
@@ -201,15 +190,21 @@ TEST_F(SyncTest, EventFlagsMatchByTheRuleCheckOptionsInOrderAndASetWakesEverySat
   ASSERT_EQ(_lx_EventFlagsSet(&group, 0, LX_AND), LX_SUCCESS);
   auto set = [](uint32_t flags) { return _lx_EventFlagsSet(&group, flags, LX_OR); };
   auto state = [] { return std::tuple(Peek(group->u32CurrentFlags), Peek(group->u32WaitCount)); };
-  Waiter &any = Wait(group, 0x2, LX_OR), &all = Wait(group, 0x6, LX_AND);
-  Waiter &a = Wait(group, 0x1, LX_OR_CLEAR), &b = Wait(group, 0x1, LX_OR_CLEAR);
-  EXPECT_EQ((std::tuple{set(0x3), Waiters::StatusOf(any), Waiters::StatusOf(a), actuals_[2], state(), b.Done()}),
+  // A thread whose get has armed its wait when this returns (the threads are done before actuals ends).
+  std::deque<uint32_t> actuals;
+  auto wait = [&](uint32_t flags, uint16_t option, uint32_t ticks = LX_WAIT_FOREVER) -> Waiter& {
+    auto armed = [n = Peek(group->u32WaitCount) + 1] { return Peek(group->u32WaitCount) == n; };
+    return waiters_.Start(std::bind(_lx_EventFlagsGet, &group, flags, option, &actuals.emplace_back(0), ticks), armed);
+  };
+  Waiter &any = wait(0x2, LX_OR), &all = wait(0x6, LX_AND);
+  Waiter &a = wait(0x1, LX_OR_CLEAR), &b = wait(0x1, LX_OR_CLEAR);
+  EXPECT_EQ((std::tuple{set(0x3), Waiters::StatusOf(any), Waiters::StatusOf(a), actuals[2], state(), b.Done()}),
             std::tuple(0, 0u, 0u, 3u, std::tuple(2u, 2u), false));  // 0x1 cleared for the later one
   EXPECT_EQ(
-      (std::tuple{set(0x4), Waiters::StatusOf(all), actuals_[1], set(0x1), Waiters::StatusOf(b), actuals_[3], state()}),
+      (std::tuple{set(0x4), Waiters::StatusOf(all), actuals[1], set(0x1), Waiters::StatusOf(b), actuals[3], state()}),
       std::tuple(0, 0u, 6u, 0, 0u, 7u, std::tuple(6u, 0u)));
   // A wait abort does not end a direct wait; its time-out withdraws it, and nothing armed takes a later set.
-  Waiter& timed = Wait(group, 0x8, LX_OR, 40);
+  Waiter& timed = wait(0x8, LX_OR, 40);
   EXPECT_EQ((std::tuple{_lx_ThreadWaitAbort(&timed.handle), Waiters::StatusOf(timed), set(0x8), state()}),
             std::tuple(0, LX_NO_EVENTS, 0, std::tuple(0xEu, 0u)));
 }
