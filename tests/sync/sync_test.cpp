@@ -45,6 +45,18 @@ TEST_F(SyncTest,
                 Issue(CM_SEMAPHORE_GET, nullptr)}),
       (Statuses{0, 0, LX_NOT_AVAILABLE, 0, 0, 0, 0, 0, 0, 0, 0, LX_NO_INSTANCE, LX_NOT_AVAILABLE, LX_SEMAPHORE_ERROR,
                 LX_SEMAPHORE_ERROR}));  // the mutex's owner too: no ownership count; the semaphore's ceiling 2
+  char* name = nullptr;
+  uint32_t count = 0, waiting = 9;
+  LX_THREAD* owner = nullptr;
+  SuspendNode node{}, *first = &node;  // overwritten
+  LX_MUTEX* next = nullptr;
+  for (int i = 0; i < 6; ++i)  // each output missing in turn
+    EXPECT_EQ(_lx_MutexInfoGet(&mutex, i == 0 ? nullptr : &name, i == 1 ? nullptr : &count, i == 2 ? nullptr : &owner,
+                               i == 3 ? nullptr : &first, i == 4 ? nullptr : &waiting, i == 5 ? nullptr : &next),
+              LX_PTR_ERROR);
+  EXPECT_EQ(_lx_MutexInfoGet(&mutex, &name, &count, &owner, &first, &waiting, &next), LX_SUCCESS);
+  EXPECT_EQ(std::tuple(std::string(name), count, owner, first, waiting),
+            std::tuple("m", 1u, _lx_ThreadIdentify(), nullptr, 0u));
   const WaitClass classes[] = {
       {&mutex, mutex->sSuspendCtrl, CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_PRIORITIZE, CM_MUTEX_DELETE,
        LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE, false},
@@ -108,6 +120,30 @@ TEST_F(SyncTest,
 }
 
 // Requests that passed their callers' checks, served in one pass behind a delete, find no mutex.
+// An application's own class may be built from the exported roles; as class 0xF0 they answer as the
+// semaphore and event-flag requests do.
+TEST_F(SyncTest, AClassBuiltFromTheExportedRolesAnswersAsTheRequestsDo) {
+  static int32_t (*const roles[])(CmServiceRequest*) = {
+      CM_SemaphorePut,  CM_SemaphoreGet,  CM_SemaphorePrioritize,      CM_SemaphoreDelete,
+      CM_EventFlagsSet, CM_EventFlagsGet, CM_EventFlagsStatusChecking, CM_EventFlagsDelete};
+  ReplaceClassEntry(ClassIndex(0xF0), {[](uint16_t code, CmServiceRequest* r) {
+                                         roles[code & 0xF](r);  // the status check leaves the answer to its caller
+                                         if ((code & 0xF) == 6) CompleteLocked(*r, r->u16Status);
+                                       },
+                                       nullptr});
+  static auto* block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
+  static LX_EVENT_FLAGS group = nullptr;
+  block->u32Ceiling = 1;
+  uint32_t actual = 0;
+  ASSERT_EQ(_lx_EventFlagsCreate(&group, "roles"), LX_SUCCESS);
+  EXPECT_EQ((Statuses{Issue(0xF0, &block), Issue(0xF0, &block), Issue(0xF1, &block), Issue(0xF1, &block),
+                      Issue(0xF2, &block), Issue(0xF3, &block), Issue(0xF4, &group, 0, 0x3, LX_OR),
+                      Issue(0xF6, &group, 0, 0x1, LX_AND), Issue(0xF5, &group, 0, 0x1, LX_OR_CLEAR, &actual),
+                      Issue(0xF6, &group, 0, 0x1, LX_AND), Issue(0xF7, &group), Issue(0xF6, &group, 0, 0x1, LX_AND)}),
+            (Statuses{0, 0, 0, LX_NO_INSTANCE, 0, 0, 0, 0, 0, LX_NO_EVENTS, 0, LX_GROUP_ERROR}));
+  EXPECT_EQ(actual, 0x3u);
+}
+
 TEST_F(SyncTest, RequestsQueuedBehindADeleteFindNoMutex) {
   LX_MUTEX mutex = nullptr;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "m", 0), LX_SUCCESS);

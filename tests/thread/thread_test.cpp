@@ -49,6 +49,7 @@ TEST_F(ThreadTest, CreateAndPriorityRefusalsFollowTheCheckOrderAndThePoolHolds49
   ASSERT_EQ(_lx_ThreadPriorityChange(&registered, 32, &old), LX_SUCCESS);
   EXPECT_EQ(std::tuple(old, Peek(registered->u16Priority)), std::tuple(32, 32));
   EXPECT_EQ(_lx_ThreadPriorityChange(&registered, 20, &old), LX_CALLER_ERROR);
+  EXPECT_EQ(_lx_ThreadPreemptionChange(&registered, 10, &old), LX_SUCCESS);  // not started: kept for its start
   for (int i = 0; S_i32ThreadPoolIndex < 49; ++i)
     ASSERT_EQ(_lx_ThreadCreate(&handles[i], "p", Noop, 0, nullptr, 0, 32, 0, 0, 0), LX_SUCCESS);
   EXPECT_EQ(_lx_ThreadCreate(&fresh, "one too many", Noop, 0, nullptr, 0, 32, 0, 0, 1), LX_THREAD_ERROR);
@@ -75,6 +76,18 @@ TEST_F(ThreadTest, SuspendHoldsAThreadUntilResumeOrTerminateWaitAbortAnswersByIt
   ASSERT_TRUE(WaitUntil([&] { return rounds > count; }));
   EXPECT_EQ(std::tuple(StateOf(spinner), _lx_ThreadWaitAbort(&spinner)),
             std::tuple(LX_STATE_READY, LX_SUCCESS));  // nothing to abort
+  char* name = nullptr;
+  uint16_t state = 0, priority = 0, threshold = 0, old = 0;
+  uint32_t runs = 0, slice = 0;
+  LX_THREAD *next = nullptr, *suspended = nullptr;
+  for (int i = 0; i < 8; ++i)  // each output missing in turn
+    EXPECT_EQ(_lx_ThreadInfoGet(&spinner, i == 0 ? nullptr : &name, i == 1 ? nullptr : &state, i == 2 ? nullptr : &runs,
+                                i == 3 ? nullptr : &priority, i == 4 ? nullptr : &threshold, i == 5 ? nullptr : &slice,
+                                i == 6 ? nullptr : &next, i == 7 ? nullptr : &suspended),
+              LX_PTR_ERROR);
+  ASSERT_EQ(_lx_ThreadInfoGet(&spinner, &name, &state, &runs, &priority, &threshold, &slice, &next, &suspended), 0);
+  EXPECT_EQ(std::tuple(std::string(name), state, priority), std::tuple("spinner", LX_STATE_READY, 32));
+  EXPECT_EQ(_lx_ThreadPreemptionChange(&spinner, 20, &old), LX_SUCCESS);  // a running thread's nice is raised
   ASSERT_EQ(_lx_ThreadSuspend(&spinner), LX_SUCCESS);
   ASSERT_TRUE(Stops(rounds));
   ASSERT_EQ(_lx_ThreadTerminate(&spinner), LX_SUCCESS);

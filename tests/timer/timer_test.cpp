@@ -151,6 +151,15 @@ TEST(TimeTest, TimeGetCountsHundredthsAndTimeSetRetriesOnlyARefusedZone) {
   g_refusal = EPERM;
   _lx_TimeSet(12345);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Failed to set time\n");
+  SetNow(1000, 0);  // the tuner: 300 ticks that took the nominal 3 s keep the tuning, 6 s halve it
+  _lx_TickAdjust(0);
+  const uint32_t first = Peek(S_u32TickTuning);
+  SetNow(1003, 0);
+  _lx_TickAdjust(0);
+  const uint32_t nominal = Peek(S_u32TickTuning);
+  SetNow(1009, 0);
+  _lx_TickAdjust(0);
+  EXPECT_EQ(std::tuple(nominal, Peek(S_u32TickTuning)), std::tuple(first, first / 2));
   EXPECT_EQ(g_sets, (std::vector<std::tuple<long, long, bool>>{
                         {123, 450000, true}, {123, 450000, false}, {123, 450000, true}}));
 }
