@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Debugger and tracepoint checks on the fixture firmware (fixture.c).
-#   check.sh <live|core|probes|fire|bpftrace> <fixture> <library dir> <source dir> [emulator ...]
+#   check.sh <live|core|probes|bpftrace> <fixture> <library dir> <source dir> [emulator ...]
 # GDB names the debugger (gdb, or gdb-multiarch for a cross build).
 set -uo pipefail
 if [[ -z ${QV_ISOLATED:-} ]] && unshare --mount --ipc --propagation private true 2>/dev/null; then
@@ -47,9 +47,12 @@ EOF_PATTERNS
 }
 
 case $mode in
-  live)
+  live)  # the parked probe stops the fixture first, at the first waiter's forever wait; then the commands
     ((${#emulator[@]} == 0)) || skip "gdb does not run a program under the emulator"
-    expect_waiters "$(gdb_run -ex 'break fixture_ready' -ex run "${commands[@]}" -ex kill --args "$fixture")" ;;
+    out=$(gdb_run -ex 'set breakpoint pending on' -ex 'tbreak -probe-stap quorvin:parked' -ex run -ex 'print $_probe_argc' \
+      -ex 'print $_probe_arg3' -ex 'break fixture_ready' -ex continue "${commands[@]}" -ex kill --args "$fixture")
+    expect_waiters "$out"
+    grep -qE '^\$1 = 4$' <<<"$out" && grep -qE '^\$2 = 4294967295$' <<<"$out" || fail "the parked probe did not stop with its four arguments" ;;
   core)
     if ((${#emulator[@]} == 0)) && [[ $(cat /proc/sys/kernel/core_pattern) == '|'* ]]; then
       echo "core_pattern pipes to a program: the core is written by gdb's gcore at the abort instead"
@@ -70,12 +73,6 @@ case $mode in
       grep -q "Name: $probe\$" <<<"$notes" || fail "probe $probe is not in the library"
     done
     echo "all probes present" ;;
-  fire)
-    ((${#emulator[@]} == 0)) || skip "gdb does not run a program under the emulator"
-    out=$(gdb_run -ex 'set breakpoint pending on' -ex 'break -probe-stap quorvin:parked' -ex run \
-      -ex 'print $_probe_argc' -ex 'print $_probe_arg3' -ex kill --args "$fixture")
-    echo "$out"
-    grep -qE '^\$1 = 4$' <<<"$out" && grep -qE '^\$2 = 4294967295$' <<<"$out" || fail "the parked probe did not stop with its four arguments" ;;
   bpftrace)
     ((${#emulator[@]} == 0)) || skip "bpftrace traces host programs only"
     command -v bpftrace >/dev/null || skip "bpftrace is not installed"
