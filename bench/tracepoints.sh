@@ -10,6 +10,15 @@
 # smallest and largest paired ratio are printed with it.
 #
 #   bench/tracepoints.sh [rounds]      (default 3; each round runs both sides)
+#   bench/tracepoints.sh --instructions
+#
+# --instructions counts, instead of timing, the instructions that the programs
+# with a fixed amount of work execute under valgrind's callgrind against each
+# library: in the library and in the whole program. A count does not depend on
+# the machine's load, so it shows what the probes add where timing on a shared
+# machine cannot resolve 2 %. (Under valgrind the threads take turns, so a
+# wait can end a little differently from one run to the next; the library's
+# count moves by a few hundred instructions between runs of the same library.)
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -17,6 +26,7 @@ source_dir=$(cd "$here/.." && pwd)
 with=${QUORVIN_BENCH_BUILD_DIR:-$here/build}
 without=$here/build-notrace
 rounds=${1:-3}
+[ "$rounds" = --instructions ] && rounds=0
 targets="request_bench sync_bench queue_bench tick_bench mutex_bench fast_path_bench thread_memory_bench"
 
 configure() {  # configure <dir> <tracepoints ON|OFF>
@@ -58,6 +68,27 @@ pair() {  # pair <command...>: the program against both libraries, back to back
     one without "$without" "$@" && one with "$with" "$@"
   fi
 }
+if [ "$rounds" = 0 ]; then  # --instructions
+  command -v callgrind_annotate >/dev/null || { echo "tracepoints.sh: --instructions needs valgrind" >&2; exit 1; }
+  echo "instructions executed, tracepoints built in ($probes probe sites, no tracer attached) against none, $(date -u '+%Y-%m-%d %H:%M UTC'), $(uname -m)"
+  printf '%-44s %14s %14s %8s %14s %8s\n' program "library, with" without ratio "whole program" ratio
+  for program in "queue_bench 2000 latency" "request_bench --phase=latency --rounds=3 --warmup=0" \
+                 "fast_path_bench latency --quick" "sync_bench"; do
+    for side in with without; do
+      library=$with && [ $side = without ] && library=$without
+      rm -f "$logs"/*.cg  # one file per process: request_bench measures in forked children
+      isolate env LD_LIBRARY_PATH="$library" valgrind --tool=callgrind --callgrind-out-file="$logs/%p.cg" \
+        $bin/$program >"$logs/last.log" 2>&1 || echo "tracepoints.sh: $program failed under valgrind" >&2
+      for cg in "$logs"/*.cg; do callgrind_annotate --threshold=100 "$cg"; done | awk -v side=$side '
+        /PROGRAM TOTALS/ { gsub(",", "", $1); total += $1 }
+        /libquorvin/ { gsub(",", "", $1); library += $1 }
+        END { print side, library, total }' >>"$logs/counts"
+    done
+    tail -2 "$logs/counts" | awk -v p="$program" '{ l[$1] = $2; t[$1] = $3 }
+      END { printf "%-44s %14d %14d %8.4f %14d %8.4f\n", p, l["with"], l["without"], l["with"] / l["without"], t["with"], t["with"] / t["without"] }'
+  done
+  exit 0
+fi
 i=1
 while [ "$i" -le "$rounds" ]; do
   echo "round $i of $rounds" >&2
