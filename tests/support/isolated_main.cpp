@@ -9,6 +9,5 @@
 int main(int argc, char** argv) {
   if (argc < 2 || std::strncmp(argv[1], "--gtest_list_tests", 18) != 0) quorvin::test::EnterIsolation();
   ::testing::InitGoogleTest(&argc, argv);
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   return RUN_ALL_TESTS();
 }

@@ -8,21 +8,18 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
 namespace quorvin::test {
-namespace {
 
-std::string g_problem = "not attempted";
-bool Write(const char* path, const std::string& text) {
+static std::string g_problem = "not attempted";
+static bool Write(const char* path, const std::string& text) {
   return static_cast<bool>(std::ofstream(path) << text << std::flush);
 }
 
 // Enters the namespaces; the text of the first step that failed, or "".
-std::string Enter() {
+static std::string Enter() {
   const uid_t uid = ::geteuid(), gid = ::getegid();
   // As root the mount and IPC namespaces suffice; otherwise a user namespace maps us to root.
   if (::unshare(CLONE_NEWNS | CLONE_NEWIPC | (uid == 0 ? 0 : CLONE_NEWUSER)) != 0) return "unshare";
@@ -31,14 +28,10 @@ std::string Enter() {
                                                   !Write("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n")))
     return "uid/gid map";
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "make / private";
-  char run[PATH_MAX];
-  if (::realpath("/var/run", run) == nullptr) std::strcpy(run, "/var/run");
-  ::mkdir(run, 0755);
-  if (::mount("tmpfs", run, "tmpfs", 0, "mode=0755") != 0) return "tmpfs on the run directory";
-  return ::mkdir((std::string(run) + "/velmora").c_str(), 0755) != 0 ? "pid-list folder" : "";
+  ::mkdir("/var/run", 0755);  // where it is missing; a link to /run is followed by the mount
+  if (::mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") != 0) return "tmpfs on the run directory";
+  return ::mkdir("/var/run/velmora", 0755) != 0 ? "pid-list folder" : "";
 }
-
-}  // namespace
 
 void EnterIsolation() {
   g_problem = Enter();

@@ -7,12 +7,5 @@
 namespace quorvin::test {
 void EnterIsolation();  // must run while the process has a single thread
 bool Isolated();
-const std::string& IsolationProblem();
+const std::string& IsolationProblem();  // why not, if not: a test that needs isolation is skipped with it
 }  // namespace quorvin::test
-
-// Skips the current test, with the reason, when isolation was not possible.
-#define QUORVIN_REQUIRE_ISOLATION()                                                                  \
-  do {                                                                                               \
-    if (!::quorvin::test::Isolated())                                                                \
-      GTEST_SKIP() << "needs private mount/IPC namespaces: " << ::quorvin::test::IsolationProblem(); \
-  } while (0)

@@ -24,16 +24,9 @@ namespace quorvin::test {
 
 using namespace std::chrono_literals;
 
-// Empties the pid list and starts the core (the "Scheduler" entry and the dispatcher); once per process.
-inline void BootCore() {
-  static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true);
-  (void)booted;
-}
-
 // Polls a condition until it holds or the time runs out.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  for (; !condition(); std::this_thread::sleep_for(1ms))
+  for (const auto deadline = std::chrono::steady_clock::now() + limit; !condition(); std::this_thread::sleep_for(1ms))
     if (std::chrono::steady_clock::now() > deadline) return false;
   return true;
 }
@@ -61,10 +54,7 @@ inline bool Join(LX_THREAD thread, std::chrono::milliseconds limit = 10s) {
 }
 
 // Reads a word that kernel threads change without a lock, atomically.
-template <typename T>
-T Peek(const T& word) {
-  return quorvin::detail::LoadRelaxed(word);
-}
+inline constexpr auto Peek = [](const auto& word) { return quorvin::detail::LoadRelaxed(word); };
 inline uint16_t StateOf(LX_THREAD thread) { return Peek(thread->u16State); }
 
 // The calling thread's own request block (the thread must be in the pool).
@@ -79,8 +69,7 @@ inline uint16_t Issue(uint16_t service, void* object = nullptr, uint32_t waitOpt
   CmServiceRequest& r = OwnRequest();
   r.u16Service = service, r.psThread = _lx_ThreadIdentify(), r.pvObject = object, r.u32WaitOption = waitOption;
   r.u64Value = value, r.u64Option = option, r.pvData = data;
-  CM_Request(&r);
-  return r.u16Status;
+  return CM_Request(&r), r.u16Status;
 }
 
 // Under the component-manager lock: the waiters on a suspend list (negative for receivers of a queue),
@@ -117,9 +106,8 @@ inline std::vector<std::string> PidListLines() {
   return lines.pop_back(), lines;
 }
 inline int OpenDescriptorCount() {
-  int count = -1;  // the listing's own descriptor
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
+  const std::filesystem::directory_iterator listing("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(listing), end(listing))) - 1;  // less the listing's own
 }
 
 // The stand-in timer thread: a thread on the timer thread's handle word that runs sleep-agent passes
@@ -164,9 +152,9 @@ class Waiters {
     std::atomic<uint32_t> status{kPending};
     bool Done() const { return status.load() != kPending; }
   };
-  Waiters() = default;
-  Waiters(const Waiters&) = delete;
-  ~Waiters() { JoinAll(); }
+  ~Waiters() {  // joins them
+    for (Waiter& w : waiters_) EXPECT_TRUE(w.handle == nullptr || Join(w.handle)) << "a waiter never ended";
+  }
 
   // Starts a thread that runs call; given parked, returns only once parked() holds (it began to wait).
   Waiter& Start(std::function<uint32_t()> call, std::function<bool()> parked = {}, uint16_t priority = 32,
@@ -179,17 +167,12 @@ class Waiters {
   }
   // Starts a thread that runs call; returns once it has joined the waiters on list.
   Waiter& StartOn(const SuspendCtrl& list, std::function<uint32_t()> call, uint16_t priority = 32) {
-    const int32_t before = Waiting(list);
-    const auto parked = [&list, before] { return Waiting(list) != before; };
-    return Start(std::move(call), parked, priority);
+    return Start(
+        std::move(call), [&list, before = Waiting(list)] { return Waiting(list) != before; }, priority);
   }
   // The waiter's status once its call has returned (kPending if not within the limit).
   static uint32_t StatusOf(const Waiter& w, std::chrono::milliseconds limit = 10s) {
     return WaitUntil([&] { return w.Done(); }, limit), w.status.load();
-  }
-  void JoinAll() {
-    for (Waiter& w : waiters_) EXPECT_TRUE(w.handle == nullptr || Join(w.handle)) << "a waiter never ended";
-    waiters_.clear();
   }
 
  private:
@@ -197,12 +180,12 @@ class Waiters {
 };
 using Waiter = Waiters::Waiter;
 
-// Fixture: isolation required, core booted.
-class KernelTest : public ::testing::Test {
- protected:
+// Fixture: isolation required; the pid list emptied and the core started (the "Scheduler" entry and the
+// dispatcher), once per process.
+struct KernelTest : ::testing::Test {
   void SetUp() override {
-    QUORVIN_REQUIRE_ISOLATION();
-    BootCore();
+    if (!Isolated()) GTEST_SKIP() << "needs private mount/IPC namespaces: " << IsolationProblem();
+    [[maybe_unused]] static const bool booted = (RTOS_LogInit(), _lx_ThreadInitialize(), true);
   }
 };
 

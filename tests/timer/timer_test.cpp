@@ -1,6 +1,7 @@
 // Application timers, driven tick by tick through the real timer thread, and system time against a
-// faked wall clock. gettimeofday and settimeofday are replaced for this program (the
-// library is linked in statically): the machine's clock is never set, and CAP_SYS_TIME is given up too.
+// faked wall clock. gettimeofday and settimeofday are replaced for this program (the library is linked
+// in statically): the machine's clock is never set, and CAP_SYS_TIME is given up too, with every other
+// capability.
 #include <dlfcn.h>
 #include <linux/capability.h>
 #include <sys/ioctl.h>
@@ -34,23 +35,14 @@ namespace quorvin::test {
 namespace {
 
 using namespace quorvin::detail;
-using Ints = std::vector<int>;
 using Fields = std::vector<uint32_t>;
 
-std::mutex g_mutex;
-std::vector<std::pair<int, int>> g_calls;  // input, tick
-std::atomic<int> g_tick{0};
+std::atomic<int> g_tick{1};
+std::string g_fired;  // "input@tick " per call, tick -1 off the timer thread; ordered by the timer lock (see Tick)
 void Record(uint32_t input) {
-  std::lock_guard lock(g_mutex);
-  g_calls.emplace_back(input, _lx_ThreadIdentify() == G_psTimer ? g_tick.load() : -1);
+  g_fired += std::to_string(input) + '@' + std::to_string(_lx_ThreadIdentify() == G_psTimer ? g_tick.load() : -1) + ' ';
 }
-Ints Fired(int input = -1) {  // the inputs in calling order or, given one, the ticks it fired on
-  std::lock_guard lock(g_mutex);
-  Ints found;
-  for (auto [in, tick] : g_calls)
-    if (input < 0 || input == in) found.push_back(input < 0 ? in : tick);
-  return found;
-}
+std::string Fired() { return std::exchange(g_fired, ""); }  // the calls since the last look
 Fields State(LX_TIMER* timer) {  // {active, remaining as reported, reschedule}, or {status} if refused
   char* name = nullptr;
   uint16_t active = 0;
@@ -61,35 +53,28 @@ Fields State(LX_TIMER* timer) {  // {active, remaining as reported, reschedule},
 // Signals n ticks as the tick thread does (count up, one byte into the timer pipe), each worked off before
 // the next: the pipe drained, then the timer lock passed (a scratch timer created and deleted) so that all
 // the walk wrote is ordered before what the caller reads next.
-bool TimerPipeDrained() {
-  int bytes = -1;
-  return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0;
-}
-void Tick(int n = 1) {
+void Tick(int n) {
   for (int i = 0; i < n; ++i, ++g_tick) {
     __atomic_add_fetch(&G_i32Ticks, 1, __ATOMIC_RELAXED);
     CM_WakeUpThreadEx(G_i32TimerPIPE[1]);  // a second byte: read only once the walk of the first is done
     CM_WakeUpThreadEx(G_i32TimerPIPE[1]);
-    ASSERT_TRUE(WaitUntil(TimerPipeDrained));
+    ASSERT_TRUE(WaitUntil([] {
+      int bytes = -1;
+      return ::ioctl(G_i32TimerPIPE[0], FIONREAD, &bytes), bytes == 0;
+    }));
     static LX_TIMER scratch = nullptr;
     if (_lx_TimerCreate(&scratch, nullptr, Record, 0, 1, 0, 0) == LX_SUCCESS) _lx_TimerDelete(&scratch);
   }
 }
-
-class AppTimerTest : public KernelTest {
- protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    if (!IsSkipped()) _lx_TimerInitialize(), g_tick = 1;
-  }
-};
+using AppTimerTest = KernelTest;
 
 TEST_F(AppTimerTest, FiresOnTheNthTickThenEveryRTicksOrOnceInTableOrderAndRefusalsKeepTheirRows) {
+  _lx_TimerInitialize();
   LX_TIMER periodic = nullptr, once = nullptr, b = nullptr, d = nullptr, word = nullptr;
   ASSERT_EQ(_lx_TimerCreate(&periodic, "p", Record, 1, 3, 2, 1), LX_SUCCESS);
-  ASSERT_EQ(_lx_TimerCreate(&b, nullptr, Record, 'B', 3, 0, 1), LX_SUCCESS);  // deleted: d takes its place
+  ASSERT_EQ(_lx_TimerCreate(&b, nullptr, Record, 9, 3, 0, 1), LX_SUCCESS);  // deleted: d takes its place
   ASSERT_EQ(_lx_TimerCreate(&once, nullptr, Record, 2, 3, 0, 1), LX_SUCCESS);
-  ASSERT_EQ(_lx_TimerCreate(&d, nullptr, Record, 'D', 3, 0, 1), LX_SUCCESS);
+  ASSERT_EQ(_lx_TimerCreate(&d, nullptr, Record, 4, 3, 0, 1), LX_SUCCESS);
   ASSERT_EQ(_lx_TimerDelete(&b), LX_SUCCESS);
   for (auto [handle, function, ticks, activate, status] :
        {std::tuple{(LX_TIMER*)nullptr, &Record, 1, 2, LX_TIMER_ERROR},
@@ -102,8 +87,7 @@ TEST_F(AppTimerTest, FiresOnTheNthTickThenEveryRTicksOrOnceInTableOrderAndRefusa
                            _lx_TimerDelete(&b), _lx_TimerDelete(nullptr)})
     EXPECT_EQ(status, LX_TIMER_ERROR);
   Tick(10);
-  EXPECT_EQ(Fired(1), (Ints{3, 5, 7, 9}));         // on the timer thread
-  EXPECT_EQ(Fired(), (Ints{1, 'D', 2, 1, 1, 1}));  // the one-shots on tick 3, in table order
+  EXPECT_EQ(Fired(), "1@3 4@3 2@3 1@5 1@7 1@9 ");  // on the timer thread; the one-shots on tick 3, in table order
   EXPECT_EQ(std::tuple(State(&periodic), State(&once), State(&b)),
             std::tuple(Fields{1, 1, 2}, Fields{0, 0, 0}, Fields{LX_TIMER_ERROR}));
   static LX_TIMER table[97];  // 99 in all
@@ -112,6 +96,7 @@ TEST_F(AppTimerTest, FiresOnTheNthTickThenEveryRTicksOrOnceInTableOrderAndRefusa
 }
 
 TEST_F(AppTimerTest, DeactivateKeepsTheCountActivateDoesNotReloadItAndChangeDoes) {
+  _lx_TimerInitialize();
   LX_TIMER timer = nullptr;
   ASSERT_EQ(_lx_TimerCreate(&timer, nullptr, Record, 1, 8, 0, 1), LX_SUCCESS);
   Tick(3);
@@ -120,46 +105,35 @@ TEST_F(AppTimerTest, DeactivateKeepsTheCountActivateDoesNotReloadItAndChangeDoes
   EXPECT_EQ(State(&timer), (Fields{0, 5, 0}));
   ASSERT_EQ(_lx_TimerActivate(&timer), LX_SUCCESS);
   Tick(5);
-  EXPECT_EQ(Fired(1), Ints{18});
+  EXPECT_EQ(Fired(), "1@18 ");
   EXPECT_EQ(_lx_TimerChange(&timer, 0, 5), LX_TICK_ERROR);
-  ASSERT_EQ(_lx_TimerChange(&timer, 3, 1),
-            LX_SUCCESS);  // the expired one-shot: counts from the next tick, then every tick
+  // The expired one-shot, changed and activated: counts from the next tick, then every tick.
+  ASSERT_EQ(_lx_TimerChange(&timer, 3, 1), LX_SUCCESS);
   ASSERT_EQ(_lx_TimerActivate(&timer), LX_SUCCESS);
   Tick(5);
-  EXPECT_EQ(Fired(1), (Ints{18, 21, 22, 23}));
+  EXPECT_EQ(Fired(), "1@21 1@22 1@23 ");
   ASSERT_EQ(_lx_TimerDeactivate(&timer), LX_SUCCESS);
   ASSERT_EQ(_lx_TimerChange(&timer, 2, 0), LX_SUCCESS);  // leaves it inactive
   Tick(3);
   EXPECT_EQ(State(&timer), (Fields{0, 2, 0}));
 }
 
-void SetNow(int64_t seconds, int64_t microseconds) { g_nowUs = seconds * 1000000 + microseconds; }
-
 TEST(TimeTest, TimeGetCountsHundredthsAndTimeSetRetriesOnlyARefusedZone) {
-  ::prctl(PR_CAPBSET_DROP, CAP_SYS_TIME, 0, 0, 0);  // gives up CAP_SYS_TIME in this thread and those it creates
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2]{};
-  ::syscall(SYS_capget, &header, data);
-  for (auto* set : {&data[0].effective, &data[0].permitted, &data[0].inheritable}) *set &= ~(1u << CAP_SYS_TIME);
-  if (::syscall(SYS_capset, &header, data),
-      ::syscall(SYS_capget, &header, data) != 0 || (data[0].effective & (1u << CAP_SYS_TIME)) != 0)
+  __user_cap_data_struct none[2]{};  // no capability at all in this thread (the only one), CAP_SYS_TIME included
+  if (::prctl(PR_CAPBSET_DROP, CAP_SYS_TIME, 0, 0, 0), ::syscall(SYS_capset, &header, none) != 0)
     GTEST_SKIP() << "could not give up CAP_SYS_TIME";
-  SetNow(1700000000, 250000);
+  g_nowUs = 1700000000250000;
   EXPECT_EQ(_lx_TimeGet(), 2496275481u);  // hundredths, modulo 2^32
   testing::internal::CaptureStdout();
   _lx_TimeSet(12345);  // with the zone just read, refused (EINVAL), then alone
   g_refusal = EPERM;
   _lx_TimeSet(12345);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Failed to set time\n");
-  SetNow(1000, 0);  // the tuner: 300 ticks that took the nominal 3 s keep the tuning, 6 s halve it
-  _lx_TickAdjust(0);
-  const uint32_t first = Peek(S_u32TickTuning);
-  SetNow(1003, 0);
-  _lx_TickAdjust(0);
-  const uint32_t nominal = Peek(S_u32TickTuning);
-  SetNow(1009, 0);
-  _lx_TickAdjust(0);
-  EXPECT_EQ(std::tuple(nominal, Peek(S_u32TickTuning)), std::tuple(first, first / 2));
+  Fields tuning;  // the tuner: 300 ticks that took the nominal 3 s keep the tuning, 6 s halve it
+  for (int64_t second : {1000, 1003, 1009})
+    g_nowUs = second * 1000000, _lx_TickAdjust(0), tuning.push_back(S_u32TickTuning);
+  EXPECT_EQ(tuning, (Fields{tuning[0], tuning[0], tuning[0] / 2}));
   EXPECT_EQ(g_sets, (std::vector<std::tuple<long, long, bool>>{
                         {123, 450000, true}, {123, 450000, false}, {123, 450000, true}}));
 }
