@@ -37,7 +37,7 @@ void Roles(uint16_t code, CmServiceRequest* r) {
   if ((code & 0xF) == 6) CompleteLocked(*r, r->u16Status);
 }
 
-TEST_F(SyncTest, ClassWaitsAreServedInOrderTimedOutOnThePassAfterTheirTicksAbortedMovedAndDeletedOnce) {
+TEST_F(SyncTest, ClassWaitsAreServedInOrderTimedOutAbortedMovedAndDeletedAndRequestsBehindADeleteFindNoMutex) {
   ReplaceClassEntry(ClassIndex(0xF0), {Roles, CM_SemaphoreWakeUp});
   static LX_MUTEX mutex = nullptr, inheriting = nullptr;
   static auto* block = static_cast<CmSemaphoreControlBlock*>(std::calloc(1, sizeof(CmSemaphoreControlBlock)));
