@@ -15,8 +15,8 @@ namespace {
 using namespace quorvin::detail;
 
 // Class 0xF0 records each request's value in serving order; the mutex class's time-out handler is
-// wrapped to record whom it times out.
-// Both are read once the reply pipes (which order memory) tell that the writes are done.
+// wrapped to record whom it times out. Both records are read only after a reply byte (a pipe orders
+// memory) has told that the writes are done, so they need no lock.
 std::vector<uint64_t> g_served;
 std::vector<LX_THREAD*> g_expired;
 void Serve(uint16_t, CmServiceRequest* r) { g_served.push_back(r->u64Value), CompleteLocked(*r, LX_SUCCESS); }
