@@ -10,14 +10,13 @@
 namespace quorvin::test {
 namespace {
 
-// One object class: the codes its services issue, and its wait state. The block pool's services take the same
-// path as the byte pool's; the descriptor shortage below goes through them.
+// One object class: the codes its services issue, and its wait state. The byte pool's services take every step
+// of the shared path (the grant and the heap area after it); the mutex's and the block pool's requests are handled
+// by the same code, and the queued request and the descriptor shortage below go through them.
 struct Subject {
   uint16_t take, give, remove, prioritize, waitState, busy, bad;
 };
 constexpr Subject kSubjects[] = {
-    {CM_MUTEX_GET, CM_MUTEX_PUT, CM_MUTEX_DELETE, CM_MUTEX_PRIORITIZE, LX_STATE_MUTEX_WAIT, LX_NOT_AVAILABLE,
-     LX_MUTEX_ERROR},
     {CM_BYTE_ALLOCATE, CM_BYTE_RELEASE, CM_BYTE_DELETE, CM_BYTE_PRIORITIZE, LX_STATE_BYTE_POOL_WAIT, LX_NO_MEMORY,
      LX_POOL_ERROR},
 };
@@ -25,32 +24,21 @@ constexpr Subject kSubjects[] = {
 // One object of a subject, reached through the services or through CM_Request with the same codes.
 struct Object {
   const Subject& s;
-  bool here;             // through the services
-  void* word = nullptr;  // the handle word
-  void* memory[8] = {};  // areas the byte pool handed out, by slot
+  bool here;                    // through the services
+  LX_BYTE_POOL word = nullptr;  // the handle word
+  void* memory[8] = {};         // areas the byte pool handed out, by slot
   alignas(8) uint8_t area[128] = {};
 
-  LX_MUTEX* M() { return reinterpret_cast<LX_MUTEX*>(&word); }
-  LX_BYTE_POOL* Y() { return reinterpret_cast<LX_BYTE_POOL*>(&word); }
   Object(const Subject& subject, bool services) : s(subject), here(services) {
-    EXPECT_EQ(LX_SUCCESS, s.take == CM_MUTEX_GET ? _lx_MutexCreate(M(), "d", LX_NO_INHERIT)
-                                                 : _lx_BytePoolCreate(Y(), "d", area, 100));
+    EXPECT_EQ(_lx_BytePoolCreate(&word, "d", area, 100), LX_SUCCESS);
   }
-  ~Object() {  // areas still handed out when their pool was deleted
-    for (void* m : memory)
-      if (m != nullptr) detail::FreeArea(m);
-  }
-  const SuspendCtrl& List() { return s.take == CM_MUTEX_GET ? (*M())->sSuspendCtrl : (*Y())->sSuspendCtrl; }
+  const SuspendCtrl& List() { return word->sSuspendCtrl; }
   // One service; the other way round when across.
   uint32_t Call(uint16_t code, size_t slot = 0, uint32_t wait = LX_NO_WAIT, bool across = false) {
     if (here == across) return Issue(code, &word, wait, 64);  // 64 of the byte pool's 100 bytes
-    if (code == CM_MUTEX_GET) return _lx_MutexGet(M(), wait);
-    if (code == CM_MUTEX_PUT) return _lx_MutexPut(M());
-    if (code == CM_MUTEX_DELETE) return _lx_MutexDelete(M());
-    if (code == CM_MUTEX_PRIORITIZE) return _lx_MutexPrioritize(M());
-    if (code == CM_BYTE_ALLOCATE) return _lx_ByteAllocate(Y(), &memory[slot], 64, wait);
+    if (code == CM_BYTE_ALLOCATE) return _lx_ByteAllocate(&word, &memory[slot], 64, wait);
     if (code == CM_BYTE_RELEASE) return _lx_ByteRelease(std::exchange(memory[slot], nullptr));
-    return code == CM_BYTE_DELETE ? _lx_BytePoolDelete(Y()) : _lx_BytePoolPrioritize(Y());
+    return code == CM_BYTE_DELETE ? _lx_BytePoolDelete(&word) : _lx_BytePoolPrioritize(&word);
   }
 };
 
@@ -64,14 +52,11 @@ uint32_t PipeClosed() {
 std::vector<uint32_t> Scenario(Object& o, Waiters& waiters) {
   std::vector<uint32_t> t{o.Call(o.s.take), OwnRequest().u16Service, PipeClosed()};
   t.insert(t.end(), {o.Call(o.s.take, 1), StateOf(*_lx_ThreadIdentify()), OwnRequest().u16Service});
-  Waiter& first = waiters.StartOn(
-      o.List(), [&o] { return o.Call(o.s.take, 2, LX_WAIT_FOREVER); }, 20);
-  Waiter& second = waiters.StartOn(
-      o.List(), [&o] { return o.Call(o.s.take, 3, 2, true); }, 10);
+  Waiter& first = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 2, LX_WAIT_FOREVER, false), 20);
+  Waiter& second = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 3, 2, true), 10);
   t.insert(t.end(), {StateOf(first.handle), StateOf(second.handle), uint32_t(Waiting(o.List()))});
   t.insert(t.end(), {o.Call(o.s.prioritize), o.Call(o.s.give), Waiters::StatusOf(second), uint32_t(Waiting(o.List()))});
-  Waiter& late = waiters.StartOn(
-      o.List(), [&o] { return o.Call(o.s.take, 4, 2); }, 30);
+  Waiter& late = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 4, 2, false), 30);
   Timer().RunPasses(3);
   Waiter& aborted = waiters.StartOn(o.List(), [&o] { return o.Call(o.s.take, 5, LX_WAIT_FOREVER); });
   t.insert(t.end(), {Waiters::StatusOf(late), _lx_ThreadWaitAbort(&aborted.handle), Waiters::StatusOf(aborted)});
@@ -82,7 +67,10 @@ std::vector<uint32_t> Scenario(Object& o, Waiters& waiters) {
 
 using FastPathTest = KernelTest;
 
-TEST_F(FastPathTest, ServicesAndDispatcherRequestsAgreeForEveryClassAndARequestFindingOthersQueuedWaitsItsTurn) {
+TEST_F(FastPathTest, ServicesAndRequestsAgreeAQueuedRequestWaitsItsTurnAndNoDescriptorsAreNeededButToWait) {
+  LX_BLOCK_POOL pool = nullptr;  // for the shortage at the end, outliving the waiters
+  alignas(8) uint8_t area[32];
+  void* got[3] = {};
   Waiters waiters;
   for (const Subject& s : kSubjects) {
     Object viaServices(s, true), viaRequests(s, false);
@@ -91,29 +79,25 @@ TEST_F(FastPathTest, ServicesAndDispatcherRequestsAgreeForEveryClassAndARequestF
     EXPECT_EQ(here, (std::vector<uint32_t>{
                         0, 0, 1,      s.busy, LX_STATE_READY,  0, s.waitState, s.waitState, 2,          0,     0,
                         0, 1, s.busy, 0,      LX_WAIT_ABORTED, 1, 0,           0,           LX_DELETED, s.bad, 1}));
+    if (void* m = viaRequests.memory[3]) detail::FreeArea(m);  // granted through the services, its pool deleted since
   }
-  static Object o(kSubjects[0], true);  // kept for the process
-  CmServiceRequest queued{};            // an unknown code, queued, but the dispatcher is not woken yet
+  static LX_MUTEX mutex = nullptr;  // kept for the process
+  CmServiceRequest queued{};        // an unknown code, queued, but the dispatcher is not woken yet
   queued.u16Service = 0xF1;
+  ASSERT_EQ(_lx_MutexCreate(&mutex, "q", LX_NO_INHERIT), LX_SUCCESS);
   ASSERT_EQ((std::lock_guard(detail::CmLock()), detail::EnqueueLocked(queued)), detail::Enqueued::kWakeDispatcher);
-  Waiter& getter = waiters.Start([] { return o.Call(CM_MUTEX_GET); },
+  Waiter& getter = waiters.Start([] { return _lx_MutexGet(&mutex, LX_NO_WAIT); },
                                  [&queued] { return std::lock_guard(detail::CmLock()), queued.psNext != nullptr; });
   detail::WakeDispatcher();
   detail::AwaitCompletion(queued);
-  EXPECT_EQ((std::tuple{queued.u16Status, Waiters::StatusOf(getter), Peek((*o.M())->psOwner)}),
+  EXPECT_EQ((std::tuple{queued.u16Status, Waiters::StatusOf(getter), Peek(mutex->psOwner)}),
             std::tuple(LX_NOT_AVAILABLE, 0u, &getter.handle));
-}
-
-// Only locals inside the shortage: UBSan checks a polymorphic object (the fixture) through a pipe it cannot
-// open then, and reports a correct object as broken (docs/testing.md).
-TEST_F(FastPathTest, WithoutDescriptorsWhatFinishesAtOnceSucceedsAWaitIsRefusedUntouchedAndAReleaseHandsOver) {
-  LX_BLOCK_POOL pool = nullptr;
-  alignas(8) uint8_t area[32];
-  void* got[3] = {};
+  // Without descriptors, what finishes at once succeeds, a wait is refused untouched and a release hands over.
+  // Only locals inside the shortage: UBSan checks a polymorphic object (the fixture) through a pipe it cannot
+  // open then, and reports a correct object as broken (docs/testing.md).
   ASSERT_EQ(Statuses(3, 0), (Statuses{_lx_BlockPoolCreate(&pool, "b", 16, area, 32),
                                       _lx_BlockAllocate(&pool, &got[0], 0), _lx_BlockAllocate(&pool, &got[1], 0)}));
   const int descriptors = OpenDescriptorCount();
-  Waiters waiters;
   Waiter& waiter = waiters.StartOn(pool->sSuspendCtrl, [&] { return _lx_BlockAllocate(&pool, &got[2], 50); });
   rlimit saved{};  // the soft limit lowered, every number below it taken: no pipe can be opened
   ::getrlimit(RLIMIT_NOFILE, &saved);
@@ -123,12 +107,11 @@ TEST_F(FastPathTest, WithoutDescriptorsWhatFinishesAtOnceSucceedsAWaitIsRefusedU
   for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) taken.push_back(fd);
   // A dispatcher request needs a descriptor, and so does an allocation that has to wait (its reply pipe):
   // refused, it leaves no trace. A release hands over through the waiter's own pipe, or finishes at once.
-  EXPECT_EQ((Statuses{Issue(CM_BLOCK_RELEASE, &pool), _lx_BlockAllocate(&pool, &got[0], 5), _lx_BlockRelease(got[0]),
-                      Waiters::StatusOf(waiter), _lx_BlockRelease(got[1]), _lx_BlockAllocate(&pool, &got[1], 5)}),
-            (Statuses{LX_NOT_AVAILABLE, LX_NOT_AVAILABLE, 0, 0, 0, 0}));
-  EXPECT_EQ(std::tuple(0, 0u, LX_STATE_READY, -1, 0u),
-            (std::tuple{Waiting(pool->sSuspendCtrl), SleepAgentEntries(), StateOf(*_lx_ThreadIdentify()),
-                        OwnRequest().ai32ReplyPipe[0], Peek(pool->u32AvailableBlocks)}));
+  EXPECT_EQ((std::tuple{Issue(CM_BLOCK_RELEASE, &pool), _lx_BlockAllocate(&pool, &got[0], 5), _lx_BlockRelease(got[0]),
+                        Waiters::StatusOf(waiter), _lx_BlockRelease(got[1]), _lx_BlockAllocate(&pool, &got[1], 5),
+                        Waiting(pool->sSuspendCtrl), SleepAgentEntries(), StateOf(*_lx_ThreadIdentify()),
+                        OwnRequest().ai32ReplyPipe[0], Peek(pool->u32AvailableBlocks)}),
+            std::tuple(LX_NOT_AVAILABLE, LX_NOT_AVAILABLE, 0, 0u, 0, 0, 0, 0u, LX_STATE_READY, -1, 0u));
   for (int fd : taken) ::close(fd);
   ::setrlimit(RLIMIT_NOFILE, &saved);
   EXPECT_TRUE(WaitUntil([&] { return OpenDescriptorCount() <= descriptors; }));  // nothing left open
