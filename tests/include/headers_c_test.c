@@ -36,12 +36,12 @@ _Static_assert(sizeof(BlockPoolControlBlock) == 72 && sizeof(BytePoolControlBloc
                    AT(EventFlagsControlBlock, psFirstWaiter, 56 + sizeof(pthread_mutex_t)),
                "the last field or the size of the other records");
 
-int main(void) {
-  /* The services are declared with the expected types. */
-  LX_STATUS(*create)
-  (LX_THREAD*, const char*, LX_THREAD_ENTRY, uint64_t, void*, uint32_t, uint16_t, uint16_t, uint32_t, uint16_t) =
-      _lx_ThreadCreate;
-  void (*request)(CmServiceRequest*) = CM_Request;
-  LX_THREAD* (*identify)(void) = _lx_ThreadIdentify;
-  return (create != _lx_ThreadCreate || request != CM_Request || identify() != NULL) ? 1 : LX_SUCCESS;
-}
+/* The services are declared with the argument widths applications were written against. */
+_Static_assert(_Generic(&_lx_ThreadCreate,
+                        LX_STATUS (*)(LX_THREAD*, const char*, LX_THREAD_ENTRY, uint64_t, void*, uint32_t, uint16_t,
+                                      uint16_t, uint32_t, uint16_t) : 1,
+                        default : 0) &&
+                   _Generic(&CM_Request, void (*)(CmServiceRequest*) : 1, default : 0),
+               "service types");
+
+int main(void) { return _lx_ThreadIdentify() != NULL; }
