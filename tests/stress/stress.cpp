@@ -104,9 +104,11 @@ T Arg(Rng& r) {
     return roll ? &Expire : nullptr;
   else if constexpr (!std::is_base_of_v<Slots<Word>, decltype(g_objects)>)
     return roll ? (T)(t_message + 16) : nullptr;
-  else if constexpr (kCreate)
-    return roll && !std::atomic_ref(Slot<Word>(roll % 3)).load() ? &Slot<Word>(roll % 3) : nullptr;
-  else if (kRegistry && roll == 1)
+  else if constexpr (kCreate) {
+    for (uint64_t i = 0; i < kStable; ++i)
+      if (roll && !std::atomic_ref(Slot<Word>(i)).load()) return &Slot<Word>(i);
+    return nullptr;
+  } else if (kRegistry && roll == 1)
     return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
   else
     return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &Slot<Word>(Below(r, 3)) : nullptr;
