@@ -10,10 +10,10 @@
 //
 //   stress [--seconds=S] [--workers=W] [--seed=S] [--stall=S] [--inject=FAULT]
 //
-// --inject makes a fault on purpose, and the run must then fail with its report: lost-wake-up (a wait that
-// never ends), mutual-exclusion (a worker uses the mutex without getting it) or ledgers (one fault in each
-// ledger checked at the end). The run enters private mount and IPC namespaces itself, so its queues and pid
-// list never meet the machine's.
+// --inject makes a fault on purpose, and the run must then fail with its report: lost-wake-up (worker 0 keeps the
+// stable mutex, so a forever get never returns), mutual-exclusion (a worker uses the mutex without getting it) or
+// ledgers (one fault in each ledger checked at the end). The run enters private mount and IPC namespaces itself, so its
+// queues and pid list never meet the machine's.
 #include <unistd.h>
 
 #include <algorithm>
@@ -279,7 +279,6 @@ void* ChaosEntry(uint64_t) {
                         _lx_BlockPoolCreate(g_stable<LX_BLOCK_POOL>, "stable", 24, g_framedBuffer[kStable], 72) |
                         _lx_TimerCreate(g_stable<LX_TIMER>, "rows", TimerRows, 0, 1, 1, 1);
   Check("the stable objects", made, S(0));
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) Exit(3);  // the "not implemented" lines
   const long before = Descriptors();
   for (uint64_t i = 0; i < g_workers; ++i) StartWorker(i);
   for (const time_t end = std::time(nullptr) + g_seconds; std::time(nullptr) < end && g_failures == 0;) {
@@ -331,6 +330,8 @@ int main(int argc, char** argv) {
   g_workers = std::clamp<uint64_t>(g_workers, 1, kMaxWorkers);
   quorvin::test::EnterIsolation();
   if (!quorvin::test::Isolated()) return std::fprintf(stderr, "%s\n", quorvin::test::IsolationProblem().c_str()), 1;
+  // The "not implemented" lines go nowhere; while the process has one thread, as another may be printing.
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 3;
   std::thread(Watchdog).detach();
   _lx_initialize_kernel_enter(nullptr, nullptr, [] {  // the application's definition
     static LX_THREAD chaos = nullptr;                 // a handle word lives as long as its thread
