@@ -1,20 +1,19 @@
 // Fuzz and soak in one driver. Worker threads draw rows from a table with one row per class of services; a row
 // calls one of the class's services with random and hostile arguments, each drawn by its parameter's type (Arg):
 // NULL handles, another class's handle and garbage words where the library can tell them apart, missing outputs,
-// sizes and options from the edges of their range, short waits. Rows run on kernel threads, on the timer thread
-// and on plain POSIX threads; each status must be one that the class's services document. Between rows the
-// workers keep ledgers on stable objects that no row touches: one owner of a mutex at a time, no count of a
-// semaphore lost, every message received intact, no pool block leaked. A chaos thread suspends, resumes,
-// wait-aborts, terminates and re-creates workers; a watchdog names a call that does not return. At the end every
-// ledger must balance and no descriptor may be left open.
+// sizes and options from the edges of their range, short waits. Rows run on kernel threads and on the timer
+// thread; each status must be one that the class's services document. Between rows the workers keep ledgers on
+// stable objects that no row touches: one owner of a mutex at a time, no count of a semaphore lost, no pool block
+// leaked, every message sent through a host queue, a dispatcher queue and a locked framed queue received intact.
+// A chaos thread suspends, resumes, wait-aborts, terminates and re-creates workers; a watchdog names a call that
+// does not return. At the end every ledger must balance and no descriptor may be left open.
 //
 //   stress [--seconds=S] [--workers=W] [--seed=S] [--stall=S] [--inject=FAULT]
 //
-// --inject makes a fault on purpose, and the run must then fail with its report: lost-wake-up (a wait that
-// never ends), mutual-exclusion (a worker uses the mutex without getting it) or ledgers (one fault in each
-// ledger checked at the end). The run enters private mount and IPC namespaces itself, so its queues and pid
-// list never meet the machine's.
-#include <pthread.h>
+// --inject makes a fault on purpose, and the run must then fail with its report: lost-wake-up (worker 0 keeps the
+// stable mutex, so a forever get never returns), mutual-exclusion (a worker uses the mutex without getting it) or
+// ledgers (one fault in each ledger checked at the end). The run enters private mount and IPC namespaces itself, so its
+// queues and pid list never meet the machine's.
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,7 @@
 #include <ctime>
 #include <filesystem>
 #include <random>
+#include <thread>
 #include <tuple>
 
 #include "quorvin/quorvin.h"
@@ -39,19 +39,16 @@ uint64_t g_seconds = 2, g_workers = 4, g_seed = 1, g_stall = 30;  // the options
 char g_inject[32] = {};
 std::atomic<uint64_t> g_calls{0};
 std::atomic<bool> g_stop{false};
-std::atomic<int> g_failures{0};
+std::atomic<int> g_failures{0}, g_holder{-1};  // g_holder: the worker that holds the stable mutex
 [[noreturn]] void Exit(int code) { QUORVIN_COVERAGE_BUILD ? std::exit(code) : ::_exit(code); }  // exit writes coverage
 // One line, one fprintf: stderr writes each call whole, so lines of two threads never mix.
 #define FAIL(text, ...) (++g_failures, std::fprintf(stderr, "stress: FAIL seed %lu: " text "\n", g_seed, __VA_ARGS__))
-bool Injecting(const char* fault) { return std::strcmp(g_inject, fault) == 0; }
-// A set of statuses.
-template <typename... T>
-constexpr uint32_t S(T... statuses) {
-  return ((1u << statuses) | ...);
-}
-thread_local bool t_expendable = false;                    // the chaos thread may terminate it
-thread_local const char* t_service = "";                   // the service a row calls, by its template's name
-thread_local std::atomic<const char*>* t_doing = nullptr;  // a worker's, for the watchdog's report
+// Whether this run injects the fault here: inside the workers, worker 0 makes it.
+bool Injecting(const char* fault, int self = 0) { return self == 0 && std::strcmp(g_inject, fault) == 0; }
+constexpr uint32_t S(auto... statuses) { return ((1u << statuses) | ...); }  // a set of statuses
+thread_local bool t_expendable = false;                                      // the chaos thread may terminate it
+thread_local const char* t_service = "";  // the service a row calls, by its template's name
+thread_local std::atomic<const char*> t_unwatched, *t_doing = &t_unwatched;  // a worker's, for the watchdog's report
 void Check(const char* what, uint32_t status, uint32_t allowed) {
   g_calls.fetch_add(1, std::memory_order_relaxed);
   const bool ended = status == LX_NOT_AVAILABLE && (g_stop || t_expendable);
@@ -67,7 +64,6 @@ uint32_t Wait(Rng& r) { return _lx_ThreadIdentify() == G_psTimer || Below(r, 5) 
 alignas(16) thread_local uint8_t t_message[4096];
 thread_local uint64_t t_garbage;
 void Expire(uint32_t) {}
-void* Quick(uint64_t ticks) { return _lx_ThreadSleep(ticks % 3), nullptr; }
 
 // The objects: four handle words (or framed queues) per class. The rows create, use and delete the first three;
 // the fourth is stable, created once for the ledgers, and no row touches it.
@@ -83,6 +79,8 @@ T& Slot(uint64_t i) {
   return static_cast<Slots<T>&>(g_objects)[i];
 }
 constexpr uint64_t kStable = 3;
+template <typename T>
+T* const g_stable = &Slot<T>(kStable);
 alignas(8) uint8_t g_framedBuffer[4][2048];
 
 // A value for a parameter of type T. In a create (a service with a name) a handle is an empty slot or NULL, as a
@@ -104,17 +102,17 @@ T Arg(Rng& r) {
   else if constexpr (std::is_same_v<T, const char*>)
     return std::array<T, 4>{"fz", "", nullptr, "name-over-19-bytes"}[roll % 4];
   else if constexpr (std::is_function_v<Word>)
-    return roll ? std::get<T>(std::tuple(&Expire, &Quick)) : nullptr;
+    return roll ? &Expire : nullptr;
   else if constexpr (!std::is_base_of_v<Slots<Word>, decltype(g_objects)>)
     return roll ? (T)(t_message + 16) : nullptr;
   else if constexpr (kCreate) {
     for (uint64_t i = 0; i < kStable; ++i)
       if (roll && !std::atomic_ref(Slot<Word>(i)).load()) return &Slot<Word>(i);
     return nullptr;
-  } else {
-    if (kRegistry && roll == 1) return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
+  } else if (kRegistry && roll == 1)
+    return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
+  else
     return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &Slot<Word>(Below(r, 3)) : nullptr;
-  }
 }
 template <typename R, typename... A>
 uint32_t Invoke(Rng& r, R (*service)(A...)) {
@@ -130,26 +128,20 @@ uint32_t FramedCreate(Rng& r) {  // on a slot not in use, in its own buffer, whi
   return QueueCreate(queue, Arg<const char*, true>(r), size, slots, r() % 12 ? g_framedBuffer[i] : nullptr, 0, r() % 2);
 }
 uint32_t CmQueueMake(Rng& r) { return CmQueueCreate(Arg<CM_QUEUE*, true>(r), Below(r, 9), 1u << Below(r, 6), nullptr); }
-uint32_t DeleteThread(LX_THREAD* thread) {  // the word of a deleted thread still names its record: cleared
-  const uint32_t deleted = _lx_ThreadDelete(thread);
-  if (deleted == LX_SUCCESS) *thread = nullptr;
-  return deleted;
-}
-uint32_t TimeGet() { return _lx_TimeGet() & 0; }
-uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or none; the signal closes both ends
+uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or on none (-1); the signal closes both ends
   CmServiceRequest q{};
   q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
   if (r() % 2 && ::pipe(q.ai32ReplyPipe) == 0) CM_WakeUpThreadEx(q.ai32ReplyPipe[1]);
   CM_WaitingSignalEx(q.ai32ReplyPipe[0]);
-  const int32_t woken = CM_WakeUpThreadEx(-1) | CM_WakeUpThread(&q);
-  return woken | CM_WaitingSignal(&q);
+  CM_WakeUpThread(&q);
+  return CM_WaitingSignal(&q);
 }
 
 // ---- The table: one row per class, the services it draws from and every status they document ----
 template <auto kService>
 uint32_t Call(Rng& r) {
   t_service = __PRETTY_FUNCTION__;  // names the service: "... [with auto kService = <service>]"
-  if (t_doing != nullptr) t_doing->store(t_service);
+  t_doing->store(t_service);
   return Invoke(r, kService);
 }
 template <uint32_t kAllowed, auto... kServices>
@@ -158,10 +150,11 @@ void Row(Rng& r) {
   const uint32_t status = kCalls[r() % sizeof...(kServices)](r);
   Check(t_service, status, kAllowed);
 }
-// The last four rows run in worker 0 only: creates, as two on one empty slot would lose an object, the state that
-// an application must not share between threads (a timer used while another thread deletes it is used after its
-// free), the pipe round trip, whose pipe a terminate in the middle would leave open, and the host queue's delete,
-// info get and prioritize, whose "not implemented" line ends the process when a terminate lands in it.
+// The last three rows run in worker 0 only: creates, as two on one empty slot would lose an object, and the state
+// that an application must not share between threads (a timer used while another thread deletes it is used after
+// its free; framed and dispatcher queues), with the pipe round trip, whose pipe a terminate in the middle would
+// leave open, and the host queue's delete, info get and prioritize, whose "not implemented" line ends the process
+// when a terminate lands in it. Thread services are left to the chaos thread, which uses them on the workers.
 constexpr void (*kRows[])(Rng&) = {
     Row<S(0, 1, 3, 19, 26, 28, 29), _lx_MutexGet, _lx_MutexPut, _lx_MutexDelete, _lx_MutexPrioritize, _lx_MutexInfoGet>,
     Row<S(0, 3, 4, 6, 7, 8, 19), _lx_EventFlagsGet, _lx_EventFlagsSet, _lx_EventFlagsInfoGet, _lx_EventFlagsDelete>,
@@ -169,29 +162,35 @@ constexpr void (*kRows[])(Rng&) = {
         _lx_BlockPoolInfoGet, _lx_BlockPoolPrioritize, _lx_ByteAllocate, _lx_ByteRelease, _lx_BytePoolDelete,
         _lx_BytePoolInfoGet, _lx_BytePoolPrioritize>,
     Row<S(0, 4, 12, 13, 14, 19), _lx_SemaphoreGet, _lx_SemaphorePut, _lx_SemaphoreDelete, _lx_SemaphoreInfoGet,
-        _lx_SemaphorePrioritize, _lx_ThreadSleep, TimeGet>,
+        _lx_SemaphorePrioritize, _lx_ThreadSleep, _lx_ThreadInfoGet>,
     Row<S(0, 3, 9, 10, 11), _lx_QueueSend, _lx_QueueFrontSend, LP_QueueSend, _lx_QueueReceive, _lx_QueueFlush>,
     Row<S(0, 2, 3, 5, 6, 9, 12, 14, 15, 16, 19, 21, 22, 23, 24, 28, 31), _lx_MutexCreate, _lx_EventFlagsCreate,
         _lx_BlockPoolCreate, _lx_BytePoolCreate, _lx_SemaphoreCreate, _lx_QueueCreate, _lx_TimerCreate, FramedCreate,
-        CmQueueMake, _lx_ThreadCreate>,
+        CmQueueMake>,
     Row<S(0, 3, 19, 21, 22), _lx_TimerDelete, _lx_TimerActivate, _lx_TimerDeactivate, _lx_TimerChange,
         _lx_TimerInfoGet>,
     Row<S(0, 1, 3, 4, 9, 10, 11, 26, 29), _lx_QueueDelete, _lx_QueueInfoGet, _lx_QueuePrioritize, QueueSend,
         QueueReceive, QueueFlush, CmQueueSend, CmQueueFrontSend, CmQueueReceive, CmQueueFlush, CmQueuePrioritize,
-        CmQueueDelete>,
-    Row<S(0, 3, 14, 15, 17, 19, 24, 27), _lx_ThreadResume, _lx_ThreadSuspend, _lx_ThreadTerminate, DeleteThread,
-        _lx_ThreadWaitAbort, _lx_ThreadInfoGet, _lx_ThreadPriorityChange, _lx_ThreadPreemptionChange, WakeUpPipe>};
-void RandomRow(Rng& r, bool solo) { kRows[r() % (solo ? std::size(kRows) : std::size(kRows) - 4)](r); }
+        CmQueueDelete, WakeUpPipe>};
+void RandomRow(Rng& r, bool solo) { kRows[r() % (solo ? std::size(kRows) : std::size(kRows) - 3)](r); }
 
 // ---- Ledgers on the stable objects ----
-std::atomic<int> g_holder{-1};
-// The semaphore's count (its initial count, plus puts, less gets), and the messages sent and received.
-std::atomic<int64_t> g_count{2}, g_sent{0}, g_received{0};
-// A message over the stable host queue or the stable dispatcher queue (the framed queue is left to the rows).
-uint32_t Transfer(bool cm, bool send, uint64_t* m, uint32_t wait) {
-  LX_QUEUE* queue = &Slot<LX_QUEUE>(kStable);
-  if (!cm) return send ? _lx_QueueSend(queue, m, wait) : _lx_QueueReceive(queue, m, wait);
-  return send ? CmQueueSend(&Slot<CM_QUEUE>(kStable), m, wait) : CmQueueReceive(&Slot<CM_QUEUE>(kStable), m, wait);
+// What went into each stable object less what came out: the pool starts with its 3 free blocks, the semaphore with
+// its count of 2, the queues empty. At the end each object is drained and every ledger must come out at 0.
+constexpr const char* kLedgers[] = {"the stable mutex",      "the stable pool",         "the stable semaphore",
+                                    "the stable host queue", "the stable framed queue", "the stable dispatcher queue"};
+std::atomic<int64_t> g_balance[std::size(kLedgers)] = {0, 3, 2, 0, 0, 0};
+// One step into (a put, a send) or out of (a get, a receive) the semaphore or a queue; m is the message. The framed
+// queue waits for its lock as long (a send: 100 ticks or none), and a receive whose lock does not come in time
+// answers LX_QUEUE_ERROR and leaves the message queued.
+uint32_t Step(uint32_t ledger, bool in, void* m, uint32_t wait) {
+  if (ledger == 2)
+    return in ? _lx_SemaphorePut(g_stable<LX_SEMAPHORE>) : _lx_SemaphoreGet(g_stable<LX_SEMAPHORE>, wait);
+  if (ledger == 3)
+    return in ? _lx_QueueSend(g_stable<LX_QUEUE>, m, wait) : _lx_QueueReceive(g_stable<LX_QUEUE>, m, wait);
+  if (ledger == 4)
+    return in ? QueueSend(g_stable<FramedQueueCtrl>, m, !wait, 1) : QueueReceive(g_stable<FramedQueueCtrl>, m, wait);
+  return in ? CmQueueSend(g_stable<CM_QUEUE>, m, wait) : CmQueueReceive(g_stable<CM_QUEUE>, m, wait);
 }
 constexpr uint64_t kMaxWorkers = 44;
 struct Worker {
@@ -201,34 +200,28 @@ struct Worker {
   std::atomic<bool> ledger{false};  // in a ledger operation: not suspended nor aborted, a lost time-out hangs
 } g_w[kMaxWorkers];
 void LedgerOp(Rng& r, int self) {  // workers that the chaos thread may terminate never run these
-  static constexpr const char* kOps[] = {"the stable mutex", "the stable semaphore", "the stable pool", "a queue"};
-  const uint32_t op = Below(r, 4), wait = Below(r, 5) ? Wait(r) : 3;
-  const bool give = r() % 2, fake = self == 0 && Injecting("mutual-exclusion");  // "holds" the mutex without a get
+  const uint32_t ledger = Below(r, std::size(kLedgers)), wait = Below(r, 5) ? Wait(r) : 3;
+  // Worker 0 may "hold" the mutex without a get, or keep it for ever: a forever get of another worker never ends.
+  const bool in = r() % 2, fake = Injecting("mutual-exclusion", self), keep = Injecting("lost-wake-up", self);
   g_w[self].ledger = true;
-  t_doing->store(kOps[op]);  // for the watchdog's report
+  t_doing->store(kLedgers[ledger]);  // for the watchdog's report
   uint64_t message[2] = {r(), 0};
   void* block = nullptr;
   uint32_t status = LX_SUCCESS;
-  if (op == 0 &&
-      (fake || (status = _lx_MutexGet(&Slot<LX_MUTEX>(kStable), Below(r, 5) ? wait : LX_WAIT_FOREVER)) == 0)) {
+  if (ledger == 0 && (fake || (status = _lx_MutexGet(g_stable<LX_MUTEX>, Below(r, 5) ? wait : LX_WAIT_FOREVER)) == 0)) {
     t_doing->store("holding the stable mutex");
     const int before = g_holder.exchange(self);
     if (fake || Below(r, 5) == 0) _lx_ThreadSleep(1);
     if (g_holder.exchange(-1) != self || before != -1) FAIL("mutual exclusion: w%02d shared the mutex", self);
-    if (!fake) Check("_lx_MutexPut (stable)", _lx_MutexPut(&Slot<LX_MUTEX>(kStable)), S(0));
-  } else if (op == 1) {
-    status =
-        give ? _lx_SemaphorePut(&Slot<LX_SEMAPHORE>(kStable)) : _lx_SemaphoreGet(&Slot<LX_SEMAPHORE>(kStable), wait);
-    if (status == LX_SUCCESS) g_count += give ? 1 : -1;
-  } else if (op == 2 && (status = _lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, wait)) == LX_SUCCESS) {
-    Check("_lx_BlockRelease (stable)", _lx_BlockRelease(block), S(0));
-  } else if (op == 3) {
-    message[1] = give ? ~message[0] : 0;
-    status = Transfer(r() % 2, give, message, wait);
-    if (status == LX_SUCCESS) ++(give ? g_sent : g_received);
-    if (status == LX_SUCCESS && message[1] != ~message[0]) FAIL("message %lu came damaged", message[0]);
+    if (!fake && !keep) Check("_lx_MutexPut (stable)", _lx_MutexPut(g_stable<LX_MUTEX>), S(0));
+  } else if (ledger == 1 && (status = _lx_BlockAllocate(g_stable<LX_BLOCK_POOL>, &block, wait)) == LX_SUCCESS) {
+    Check("_lx_BlockRelease (stable)", _lx_BlockRelease(block), S(0));  // allocated and released: no change
+  } else if (ledger > 1) {
+    message[1] = in ? ~message[0] : 0;
+    if ((status = Step(ledger, in, message, wait)) == LX_SUCCESS) g_balance[ledger] += in ? 1 : -1;
+    if (status == LX_SUCCESS && ledger > 2 && message[1] != ~message[0]) FAIL("message %lu came damaged", message[0]);
   }
-  Check(kOps[op], status, S(0, 4, 10, 11, 13, 16, 26, 29));
+  Check(kLedgers[ledger], status, S(0, 4, 10, 11, 13, 16, 26, 29) | (ledger == 4 && !in ? S(9) : 0));
   g_w[self].ledger = false;
 }
 
@@ -243,11 +236,6 @@ void* WorkerEntry(uint64_t input) {
   Rng r(g_seed * 1000003 + input);
   t_expendable = Expendable(self);
   t_doing = &g_w[self].doing;
-  static LX_SEMAPHORE never = nullptr;  // a forever wait whose wake-up never comes
-  if (self == 0 && Injecting("lost-wake-up") && _lx_SemaphoreCreate(&never, "never", 0) == LX_SUCCESS) {
-    g_w[self].doing = "_lx_SemaphoreGet (forever)";
-    _lx_SemaphoreGet(&never, LX_WAIT_FOREVER);
-  }
   for (; !g_stop; g_w[self].doing = nullptr) {
     g_w[self].since = std::time(nullptr);
     Below(r, 2) || Expendable(self) ? RandomRow(r, self == 0) : LedgerOp(r, self);
@@ -260,7 +248,8 @@ void StartWorker(uint64_t i) {
   const uint64_t input = g_calls << 8 | i;
   Check("a worker's create", _lx_ThreadCreate(&g_w[i].handle, "w", WorkerEntry, input, nullptr, 0, 32, 0, 0, 1), S(0));
 }
-void* Watchdog(void*) {  // a plain thread outside the kernel: a worker in one call too long, or no call returning
+// A plain thread outside the kernel: a worker in one call too long, or no call returning.
+[[noreturn]] void Watchdog() {
   for (uint64_t last = 0, still = 0;; last = g_calls, ::sleep(1)) {
     if ((still = g_calls == last ? still + 1 : 0) > g_stall) FAIL("hang: no call returned for %lu s", still), Exit(2);
     for (uint64_t i = 0; i < g_workers; ++i) {
@@ -279,22 +268,21 @@ long Descriptors() {  // the least of a few looks: a reply pipe may be in flight
 }
 void* ChaosEntry(uint64_t) {
   Rng r(g_seed);
-  const uint32_t made = _lx_MutexCreate(&Slot<LX_MUTEX>(kStable), "stable", 0) |
-                        _lx_SemaphoreCreate(&Slot<LX_SEMAPHORE>(kStable), "stable", 2) |
-                        _lx_QueueCreate(&Slot<LX_QUEUE>(kStable), "stable", 4, g_framedBuffer[kStable], 64) |
-                        CmQueueCreate(&Slot<CM_QUEUE>(kStable), 4, 4, nullptr) |
-                        _lx_BlockPoolCreate(&Slot<LX_BLOCK_POOL>(kStable), "stable", 24, g_framedBuffer[kStable], 72) |
-                        _lx_TimerCreate(&Slot<LX_TIMER>(kStable), "rows", TimerRows, 0, 1, 1, 1);
+  const uint32_t made = _lx_MutexCreate(g_stable<LX_MUTEX>, "stable", 0) |
+                        _lx_SemaphoreCreate(g_stable<LX_SEMAPHORE>, "stable", 2) |
+                        _lx_QueueCreate(g_stable<LX_QUEUE>, "stable", 4, g_framedBuffer[kStable], 64) |
+                        CmQueueCreate(g_stable<CM_QUEUE>, 4, 4, nullptr) |
+                        QueueCreate(g_stable<FramedQueueCtrl>, "ledger", 16, 4, g_framedBuffer[kStable] + 1024, 0, 1) |
+                        _lx_BlockPoolCreate(g_stable<LX_BLOCK_POOL>, "stable", 24, g_framedBuffer[kStable], 72) |
+                        _lx_TimerCreate(g_stable<LX_TIMER>, "rows", TimerRows, 0, 1, 1, 1);
   Check("the stable objects", made, S(0));
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) Exit(3);  // the "not implemented" lines
   const long before = Descriptors();
   for (uint64_t i = 0; i < g_workers; ++i) StartWorker(i);
   for (const time_t end = std::time(nullptr) + g_seconds; std::time(nullptr) < end && g_failures == 0;) {
-    const uint32_t i = Below(r, g_workers);
-    uint32_t kind = Below(r, 4);
+    // A ledger operation runs undisturbed (kind 3): see the open findings in docs/testing.md.
+    const uint32_t i = Below(r, g_workers), kind = g_w[i].ledger ? 3 : Below(r, 4);
     LX_THREAD* worker = &g_w[i].handle;
     const bool terminate = kind == 2 && !QUORVIN_SANITIZED && Expendable(i);  // see docs/testing.md
-    if (g_w[i].ledger) kind = 3;  // a ledger operation runs undisturbed: see the open findings in docs/testing.md
     if (kind == 0) Check("_lx_ThreadSuspend (worker)", _lx_ThreadSuspend(worker), S(0));
     if (kind == 1) Check("_lx_ThreadWaitAbort (worker)", _lx_ThreadWaitAbort(worker), S(0, 27));
     if (terminate) Check("_lx_ThreadTerminate (worker)", _lx_ThreadTerminate(worker), S(0));
@@ -303,48 +291,27 @@ void* ChaosEntry(uint64_t) {
     if (terminate) Check("_lx_ThreadDelete (worker)", _lx_ThreadDelete(worker), S(0)), StartWorker(i);
   }
   g_stop = true;
-  for (uint64_t i = 0; i < g_workers; ++i) {  // each may be suspended or waiting forever; else the watchdog reports it
-    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1)) {
-      _lx_ThreadResume(worker);
-      if (!g_w[i].ledger) _lx_ThreadWaitAbort(worker);
-    }
-    Check("_lx_ThreadTerminate (ended worker)", _lx_ThreadTerminate(&g_w[i].handle), S(0));
-    Check("_lx_ThreadDelete (ended worker)", _lx_ThreadDelete(&g_w[i].handle), S(0));
-  }
-  // Every ledger must balance now, with the rows' threads gone. Their host queues stay open, as a queue delete is
-  // not implemented. The faults to inject: a message lost, a put not counted, a block and a descriptor leaked.
-  long open = 0, count = 0, free = 0;
-  for (uint64_t i = 0; i < kStable; ++i) {
+  // Every worker leaves its loop: no wait of a row is longer than 3 ticks, and one that never ends is the
+  // watchdog's to report. The resume covers a suspension taken one resume behind (see docs/testing.md).
+  for (uint64_t i = 0; i < g_workers; ++i)
+    for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1)) _lx_ThreadResume(worker);
+  // Every ledger must balance now that the workers are out of their loops. The host queues of the rows stay open,
+  // as a queue delete is not implemented. The faults to inject: in every ledger a step counted but never made (a
+  // release, a put, a send), and a descriptor leaked.
+  long open = 0;
+  for (uint64_t i = 0; i < kStable; ++i)
     for (LX_QUEUE q : {Slot<LX_QUEUE>(i), Slot<FramedQueueCtrl>(i).psMsgQueue}) open += q && q->i32MqDes >= 0;
-    for (int tries = 0; Slot<LX_THREAD>(i) != nullptr && tries < 100; ++tries, _lx_ThreadSleep(1))  // suspended?
-      _lx_ThreadResume(&Slot<LX_THREAD>(i)), _lx_ThreadTerminate(&Slot<LX_THREAD>(i)),
-          DeleteThread(&Slot<LX_THREAD>(i));
-    if (Slot<LX_THREAD>(i) != nullptr) FAIL("a row's thread in slot %lu would not end", i);
-  }
-  void* block = nullptr;
-  if (Injecting("ledgers")) {
-    ++g_sent;
-    _lx_SemaphorePut(&Slot<LX_SEMAPHORE>(kStable));
-    _lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, LX_NO_WAIT);
-    std::fopen("/dev/null", "r");
-  }
-  for (uint64_t m[2], q = 0; q < 2;) Transfer(q, false, m, 0) == LX_SUCCESS ? ++g_received : ++q;
-  while (_lx_SemaphoreGet(&Slot<LX_SEMAPHORE>(kStable), LX_NO_WAIT) == LX_SUCCESS) ++count;
-  while (_lx_BlockAllocate(&Slot<LX_BLOCK_POOL>(kStable), &block, LX_NO_WAIT) == LX_SUCCESS) ++free;
+  for (std::atomic<int64_t>& balance : g_balance) balance += Injecting("ledgers");  // a step counted, never made
+  if (Injecting("ledgers")) std::fopen("/dev/null", "r");                           // a descriptor leaked
+  for (void* block; _lx_BlockAllocate(g_stable<LX_BLOCK_POOL>, &block, LX_NO_WAIT) == LX_SUCCESS;) --g_balance[1];
+  for (uint32_t ledger = 2; ledger < std::size(kLedgers); ++ledger)
+    for (uint64_t m[2]; Step(ledger, false, m, LX_NO_WAIT) == LX_SUCCESS;) --g_balance[ledger];
   const long leaked = Descriptors() - before - open;
-  if (g_sent != g_received || count != g_count || free != 3 || leaked != 0) {
-    FAIL("ledgers: %ld messages lost, semaphore count off by %ld, %ld blocks and %ld descriptors leaked",
-         g_sent - g_received, count - g_count, 3 - free, leaked);
-  }
+  if (leaked != 0 || std::any_of(g_balance + 1, std::end(g_balance), [](auto& b) { return b != 0; }))
+    FAIL("ledgers off: pool %ld, semaphore %ld, host %ld, framed %ld, dispatcher queue %ld, descriptors %ld",
+         +g_balance[1], +g_balance[2], +g_balance[3], +g_balance[4], +g_balance[5], leaked);
   if (g_failures == 0) std::fprintf(stderr, "stress: PASS seed %lu: %lu calls\n", g_seed, +g_calls);
   Exit(g_failures == 0 ? 0 : 1);
-}
-
-LX_THREAD g_chaos = nullptr;  // a handle word lives as long as its thread
-void Define() {
-  pthread_t watchdog;
-  const bool chaos = _lx_ThreadCreate(&g_chaos, "chaos", ChaosEntry, 0, nullptr, 0, 10, 0, 0, 1) == LX_SUCCESS;
-  if (!chaos || pthread_create(&watchdog, nullptr, Watchdog, nullptr) != 0) Exit(3);
 }
 
 }  // namespace
@@ -360,5 +327,11 @@ int main(int argc, char** argv) {
   g_workers = std::clamp<uint64_t>(g_workers, 1, kMaxWorkers);
   quorvin::test::EnterIsolation();
   if (!quorvin::test::Isolated()) return std::fprintf(stderr, "%s\n", quorvin::test::IsolationProblem().c_str()), 1;
-  _lx_initialize_kernel_enter(nullptr, nullptr, Define);
+  // The "not implemented" lines go nowhere; while the process has one thread, as another may be printing.
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 3;
+  std::thread(Watchdog).detach();
+  _lx_initialize_kernel_enter(nullptr, nullptr, [] {  // the application's definition
+    static LX_THREAD chaos = nullptr;                 // a handle word lives as long as its thread
+    if (_lx_ThreadCreate(&chaos, "chaos", ChaosEntry, 0, nullptr, 0, 10, 0, 0, 1) != LX_SUCCESS) Exit(3);
+  });
 }
