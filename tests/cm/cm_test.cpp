@@ -34,6 +34,12 @@ TEST_F(KernelTest, UnknownCodesAnswer29AndConcurrentRequestersLoseNothingAndLeav
   CmServiceRequest finished{};  // an expiry captured after its request was released
   finished.u16Status = 1234;
   EXPECT_EQ((std::tuple{Issue(CM_OP_TIMEOUT, &finished), finished.u16Status}), std::tuple(LX_NOT_AVAILABLE, 1234));
+  // The exported wake-up round trips, on a pipe and on none; the last signal closes both ends (counted below).
+  ASSERT_EQ(::pipe(finished.ai32ReplyPipe), 0);
+  EXPECT_EQ((std::vector<int32_t>{CM_WakeUpThreadEx(finished.ai32ReplyPipe[1]),
+                                  CM_WaitingSignalEx(finished.ai32ReplyPipe[0]), CM_WakeUpThreadEx(-1),
+                                  CM_WaitingSignalEx(-1), CM_WakeUpThread(&finished), CM_WaitingSignal(&finished)}),
+            std::vector<int32_t>(6, 0));
   LX_THREAD handles[8] = {};
   int wrong[8] = {};
   for (uint64_t t = 0; t < 8; ++t)

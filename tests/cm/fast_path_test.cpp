@@ -10,28 +10,16 @@
 namespace quorvin::test {
 namespace {
 
-// One object class: the codes its services issue, and its wait state. The byte pool's services take every step
-// of the shared path (the grant and the heap area after it); the mutex's and the block pool's requests are handled
-// by the same code, and the queued request and the descriptor shortage below go through them.
-struct Subject {
-  uint16_t take, give, remove, prioritize, waitState, busy, bad;
-};
-constexpr Subject kSubjects[] = {
-    {CM_BYTE_ALLOCATE, CM_BYTE_RELEASE, CM_BYTE_DELETE, CM_BYTE_PRIORITIZE, LX_STATE_BYTE_POOL_WAIT, LX_NO_MEMORY,
-     LX_POOL_ERROR},
-};
-
-// One object of a subject, reached through the services or through CM_Request with the same codes.
+// A byte pool, reached through the services or through CM_Request with the same codes. The byte pool's services
+// take every step of the shared path (the grant and the heap area after it); the mutex's and the block pool's
+// requests are handled by the same code, and the queued request and the descriptor shortage below go through them.
 struct Object {
-  const Subject& s;
   bool here;                    // through the services
   LX_BYTE_POOL word = nullptr;  // the handle word
   void* memory[8] = {};         // areas the byte pool handed out, by slot
   alignas(8) uint8_t area[128] = {};
 
-  Object(const Subject& subject, bool services) : s(subject), here(services) {
-    EXPECT_EQ(_lx_BytePoolCreate(&word, "d", area, 100), LX_SUCCESS);
-  }
+  explicit Object(bool services) : here(services) { EXPECT_EQ(_lx_BytePoolCreate(&word, "d", area, 100), LX_SUCCESS); }
   const SuspendCtrl& List() { return word->sSuspendCtrl; }
   // One service; the other way round when across.
   uint32_t Call(uint16_t code, size_t slot = 0, uint32_t wait = LX_NO_WAIT, bool across = false) {
@@ -50,18 +38,20 @@ uint32_t PipeClosed() {
 // A free and a busy object; two waiters, the later one parked the other way, prioritized and served first; a
 // time-out, a wait abort, a delete with a waiter; a call after it. One Waiters per test: handle words are not reused.
 std::vector<uint32_t> Scenario(Object& o, Waiters& waiters) {
-  std::vector<uint32_t> t{o.Call(o.s.take), OwnRequest().u16Service, PipeClosed()};
-  t.insert(t.end(), {o.Call(o.s.take, 1), StateOf(*_lx_ThreadIdentify()), OwnRequest().u16Service});
-  Waiter& first = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 2, LX_WAIT_FOREVER, false), 20);
-  Waiter& second = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 3, 2, true), 10);
+  std::vector<uint32_t> t{o.Call(CM_BYTE_ALLOCATE), OwnRequest().u16Service, PipeClosed()};
+  t.insert(t.end(), {o.Call(CM_BYTE_ALLOCATE, 1), StateOf(*_lx_ThreadIdentify()), OwnRequest().u16Service});
+  Waiter& first =
+      waiters.StartOn(o.List(), std::bind(&Object::Call, &o, CM_BYTE_ALLOCATE, 2, LX_WAIT_FOREVER, false), 20);
+  Waiter& second = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, CM_BYTE_ALLOCATE, 3, 2, true), 10);
   t.insert(t.end(), {StateOf(first.handle), StateOf(second.handle), uint32_t(Waiting(o.List()))});
-  t.insert(t.end(), {o.Call(o.s.prioritize), o.Call(o.s.give), Waiters::StatusOf(second), uint32_t(Waiting(o.List()))});
-  Waiter& late = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, o.s.take, 4, 2, false), 30);
+  t.insert(t.end(), {o.Call(CM_BYTE_PRIORITIZE), o.Call(CM_BYTE_RELEASE), Waiters::StatusOf(second),
+                     uint32_t(Waiting(o.List()))});
+  Waiter& late = waiters.StartOn(o.List(), std::bind(&Object::Call, &o, CM_BYTE_ALLOCATE, 4, 2, false), 30);
   Timer().RunPasses(3);
-  Waiter& aborted = waiters.StartOn(o.List(), [&o] { return o.Call(o.s.take, 5, LX_WAIT_FOREVER); });
+  Waiter& aborted = waiters.StartOn(o.List(), [&o] { return o.Call(CM_BYTE_ALLOCATE, 5, LX_WAIT_FOREVER); });
   t.insert(t.end(), {Waiters::StatusOf(late), _lx_ThreadWaitAbort(&aborted.handle), Waiters::StatusOf(aborted)});
-  t.insert(t.end(), {uint32_t(Waiting(o.List())), uint32_t(SleepAgentEntries()), o.Call(o.s.remove)});
-  t.insert(t.end(), {Waiters::StatusOf(first), o.Call(o.s.take, 6), PipeClosed()});
+  t.insert(t.end(), {uint32_t(Waiting(o.List())), uint32_t(SleepAgentEntries()), o.Call(CM_BYTE_DELETE)});
+  t.insert(t.end(), {Waiters::StatusOf(first), o.Call(CM_BYTE_ALLOCATE, 6), PipeClosed()});
   return t;
 }
 
@@ -72,17 +62,17 @@ TEST_F(FastPathTest, ServicesAndRequestsAgreeAQueuedRequestWaitsItsTurnAndNoDesc
   alignas(8) uint8_t area[32];
   void* got[3] = {};
   Waiters waiters;
-  for (const Subject& s : kSubjects) {
-    Object viaServices(s, true), viaRequests(s, false);
-    const std::vector<uint32_t> here = Scenario(viaServices, waiters);
-    EXPECT_EQ(here, Scenario(viaRequests, waiters));
-    EXPECT_EQ(here, (std::vector<uint32_t>{
-                        0, 0, 1,      s.busy, LX_STATE_READY,  0, s.waitState, s.waitState, 2,          0,     0,
-                        0, 1, s.busy, 0,      LX_WAIT_ABORTED, 1, 0,           0,           LX_DELETED, s.bad, 1}));
-    if (void* m = viaRequests.memory[3]) detail::FreeArea(m);  // granted through the services, its pool deleted since
-  }
-  static LX_MUTEX mutex = nullptr;  // kept for the process
-  CmServiceRequest queued{};        // an unknown code, queued, but the dispatcher is not woken yet
+  Object viaServices(true), viaRequests(false);
+  const std::vector<uint32_t> here = Scenario(viaServices, waiters);
+  EXPECT_EQ(here, Scenario(viaRequests, waiters));
+  constexpr uint32_t kBusy = LX_NO_MEMORY, kWaiting = LX_STATE_BYTE_POOL_WAIT;
+  EXPECT_EQ(here,
+            (std::vector<uint32_t>{
+                0, 0, 1, kBusy,      LX_STATE_READY, 0, kWaiting, kWaiting, 2, 0, 0, 0, 1, kBusy, 0, LX_WAIT_ABORTED,
+                1, 0, 0, LX_DELETED, LX_POOL_ERROR,  1}));
+  if (void* m = viaRequests.memory[3]) detail::FreeArea(m);  // granted through the services, its pool deleted since
+  static LX_MUTEX mutex = nullptr;                           // kept for the process
+  CmServiceRequest queued{};  // an unknown code, queued, but the dispatcher is not woken yet
   queued.u16Service = 0xF1;
   ASSERT_EQ(_lx_MutexCreate(&mutex, "q", LX_NO_INHERIT), LX_SUCCESS);
   ASSERT_EQ((std::lock_guard(detail::CmLock()), detail::EnqueueLocked(queued)), detail::Enqueued::kWakeDispatcher);

@@ -20,14 +20,10 @@ export LD_LIBRARY_PATH=$work
 gdb_run() { timeout 150 "$gdb" -nx -batch -ex 'set debuginfod enabled off' -ex "source $src/tools/gdb/quorvin.py" "$@" 2>&1; }
 commands=(-ex 'quorvin threads' -ex 'quorvin objects' -ex 'quorvin requests')
 
-expect_waiters() {  # what the fixture set up, one pattern per line, in the order shown
+expect_waiters() {  # what the fixture set up, one pattern per line, matched in the order shown
   echo "$1"
-  local line=0 found pattern
-  while IFS= read -r pattern; do
-    found=$(tail -n +$((line + 1)) <<<"$1" | grep -nE -m1 "$pattern" | cut -d: -f1)
-    [[ -n $found ]] || fail "no line '$pattern' after line $line"
-    line=$((line + found))
-  done <<'EOF_PATTERNS'
+  awk 'NR == FNR { pattern[++n] = $0; next } i < n && $0 ~ pattern[i + 1] { i++ }
+    END { if (i < n) { print "FAILED: no line \"" pattern[i + 1] "\" after the last match"; exit 1 } }' - <(echo "$1") <<'EOF_PATTERNS' || exit 1
 ^0x[0-9a-f]+ +"owner" +[1-9][0-9]* ready +5 
 ^0x[0-9a-f]+ +"first" +[1-9][0-9]* mutex wait +10 .*mutex "guard" get, forever$
 ^0x[0-9a-f]+ +"timed" +[1-9][0-9]* mutex wait .*mutex "guard" get, [0-9]+ ticks left$

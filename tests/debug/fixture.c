@@ -1,13 +1,13 @@
 /* A firmware with known waiters for the debugger tests: "owner" holds mutex
- * "guard" (waiters "first", forever, then "timed", 3000 ticks), takes the
- * only block of pool "empty" ("hungry" waits for it) and fills a dispatcher
+ * "guard" (waiters "first", forever, then "timed", 3000 ticks), takes both
+ * blocks of pool "empty" ("hungry" waits for it) and fills a dispatcher
  * queue of one message ("sender" waits to send). Then it calls
  * fixture_ready(), where the tests stop it, and, given "abort", aborts. */
 #include <quorvin/quorvin.h>
 #include <stdlib.h>
 #include <string.h>
 
-static LX_THREAD s_owner, s_first, s_timed, s_hungry, s_sender;
+static LX_THREAD s_owner, s_waiters[4];
 static LX_MUTEX s_guard;
 static LX_BLOCK_POOL s_empty;
 static CM_QUEUE s_queue;
@@ -16,23 +16,21 @@ static int s_abort;
 
 __attribute__((noinline)) void fixture_ready(void) { __asm__ volatile(""); }
 
+/* Waiter 0 waits for the mutex for ever, 1 for 3000 ticks, 2 for a block, 3 to send. */
 static void* Wait(uint64_t what) {
   void* block;
   uint32_t message = 2;
-  if (what == 0) _lx_MutexGet(&s_guard, LX_WAIT_FOREVER);
-  if (what == 1) _lx_MutexGet(&s_guard, 3000);
+  if (what < 2) _lx_MutexGet(&s_guard, what == 0 ? LX_WAIT_FOREVER : 3000);
   if (what == 2) _lx_BlockAllocate(&s_empty, &block, LX_WAIT_FOREVER);
   if (what == 3) CmQueueSend(&s_queue, &message, LX_WAIT_FOREVER);
   _lx_ThreadSleep(LX_WAIT_FOREVER);
   return NULL;
 }
 
-static void Start(LX_THREAD* thread, const char* name, uint64_t what, uint16_t state) {
-  _lx_ThreadCreate(thread, name, Wait, what, NULL, 0, 10, 10, 0, 1);
-  while ((*thread)->u16State != state) _lx_ThreadSleep(1);
-}
-
 static void* Owner(uint64_t unused) {
+  static const char* const names[] = {"first", "timed", "hungry", "sender"};
+  static const uint16_t states[] = {LX_STATE_MUTEX_WAIT, LX_STATE_MUTEX_WAIT, LX_STATE_BLOCK_POOL_WAIT,
+                                    LX_STATE_QUEUE_WAIT};
   void* block;
   uint32_t message = 1;
   (void)unused;
@@ -40,10 +38,10 @@ static void* Owner(uint64_t unused) {
   _lx_BlockAllocate(&s_empty, &block, LX_NO_WAIT);
   _lx_BlockAllocate(&s_empty, &block, LX_NO_WAIT);
   CmQueueSend(&s_queue, &message, LX_NO_WAIT);
-  Start(&s_first, "first", 0, LX_STATE_MUTEX_WAIT);
-  Start(&s_timed, "timed", 1, LX_STATE_MUTEX_WAIT);
-  Start(&s_hungry, "hungry", 2, LX_STATE_BLOCK_POOL_WAIT);
-  Start(&s_sender, "sender", 3, LX_STATE_QUEUE_WAIT);
+  for (uint64_t i = 0; i < 4; ++i) { /* each one waits before the next starts */
+    _lx_ThreadCreate(&s_waiters[i], names[i], Wait, i, NULL, 0, 10, 10, 0, 1);
+    while (s_waiters[i]->u16State != states[i]) _lx_ThreadSleep(1);
+  }
   fixture_ready();
   if (s_abort) abort();
   _lx_ThreadSleep(LX_WAIT_FOREVER);

@@ -45,9 +45,9 @@ for how in pkg-config find_package; do  # each program needs the packaged librar
     ((${#emulator[@]})) || [[ $(LD_LIBRARY_PATH=$lib ldd "$work/$how/$app" | awk '$1 == "libquorvin.so.9" { print $3 }') == "$lib/libquorvin.so.9" ]] ||
       fail "$how: $app does not take the packaged library"; done
   LD_LIBRARY_PATH=$lib "${emulator[@]}" "$work/$how/app" || fail "$how: the consumer failed"
-  for check in demo guide_example; do
-    LD_LIBRARY_PATH=$lib "$root/examples/check_$check.sh" "${emulator[@]}" "$work/$how/${check/demo/demo_firmware}" >"$work/log" 2>&1 ||
-      { cat "$work/log" >&2; fail "$how: the $check check failed"; }; done
+  for program in demo_firmware guide_example; do
+    LD_LIBRARY_PATH=$lib "$root/examples/check_demo.sh" "${emulator[@]}" "$work/$how/$program" >"$work/log" 2>&1 ||
+      { cat "$work/log" >&2; fail "$how: the $program check failed"; }; done
   echo "-- $how: consumer, demo firmware and guide example built and ran"
 done
 echo "-- package check passed ($arch)"

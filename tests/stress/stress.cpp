@@ -67,20 +67,18 @@ void Expire(uint32_t) {}
 
 // The objects: four handle words (or framed queues) per class. The rows create, use and delete the first three;
 // the fourth is stable, created once for the ledgers, and no row touches it.
+template <typename T, typename... Of>
+constexpr bool kOneOf = (std::is_same_v<T, Of> || ...);
+template <typename T>  // a class whose handles the library keeps in a registry, or any class
+constexpr bool kRegistered = kOneOf<T, LX_MUTEX, LX_EVENT_FLAGS, LX_BLOCK_POOL, LX_BYTE_POOL>;
 template <typename T>
-using Slots = std::array<T, 4>;
-template <typename... T>
-struct Objects : Slots<T>... {};
-Objects<LX_MUTEX, LX_EVENT_FLAGS, LX_BLOCK_POOL, LX_BYTE_POOL, LX_SEMAPHORE, LX_QUEUE, FramedQueueCtrl, CM_QUEUE,
-        LX_TIMER, LX_THREAD>
-    g_objects;
+constexpr bool kObject =
+    kRegistered<T> || kOneOf<T, LX_SEMAPHORE, LX_QUEUE, FramedQueueCtrl, CM_QUEUE, LX_TIMER, LX_THREAD>;
 template <typename T>
-T& Slot(uint64_t i) {
-  return static_cast<Slots<T>&>(g_objects)[i];
-}
+std::array<T, 4> g_slot;
 constexpr uint64_t kStable = 3;
 template <typename T>
-T* const g_stable = &Slot<T>(kStable);
+T* const g_stable = &g_slot<T>[kStable];
 alignas(8) uint8_t g_framedBuffer[4][2048];
 
 // A value for a parameter of type T. In a create (a service with a name) a handle is an empty slot or NULL, as a
@@ -91,10 +89,9 @@ template <typename T, bool kCreate>
 T Arg(Rng& r) {
   static constexpr uint32_t kEdges[] = {0, 1, 2, 3, 4, 8, 9, 16, 64, 100, 4096, 0x7FFFFFFF, 0x80000000, ~0u};
   using Word = std::remove_pointer_t<T>;
-  constexpr bool kRegistry =
-      std::is_base_of_v<Slots<Word>, Objects<LX_MUTEX, LX_EVENT_FLAGS, LX_BLOCK_POOL, LX_BYTE_POOL>>;
+  constexpr bool kRegistry = kRegistered<Word>;
   const uint32_t roll = Below(r, 10);
-  void* other = r() % 2 ? static_cast<void*>(&Slot<LX_MUTEX>(Below(r, 3))) : &Slot<LX_BYTE_POOL>(Below(r, 3));
+  void* other = r() % 2 ? static_cast<void*>(&g_slot<LX_MUTEX>[Below(r, 3)]) : &g_slot<LX_BYTE_POOL>[Below(r, 3)];
   if constexpr (std::is_same_v<T, uint64_t>)
     return roll ? Below(r, 4096) : uint64_t{1} << 40;
   else if constexpr (std::is_integral_v<T>)
@@ -103,16 +100,16 @@ T Arg(Rng& r) {
     return std::array<T, 4>{"fz", "", nullptr, "name-over-19-bytes"}[roll % 4];
   else if constexpr (std::is_function_v<Word>)
     return roll ? &Expire : nullptr;
-  else if constexpr (!std::is_base_of_v<Slots<Word>, decltype(g_objects)>)
+  else if constexpr (!kObject<Word>)
     return roll ? (T)(t_message + 16) : nullptr;
   else if constexpr (kCreate) {
     for (uint64_t i = 0; i < kStable; ++i)
-      if (roll && !std::atomic_ref(Slot<Word>(i)).load()) return &Slot<Word>(i);
+      if (roll && !std::atomic_ref(g_slot<Word>[i]).load()) return &g_slot<Word>[i];
     return nullptr;
   } else if (kRegistry && roll == 1)
     return reinterpret_cast<T>(&(t_garbage = r() % 2 ? r() : 0));
   else
-    return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &Slot<Word>(Below(r, 3)) : nullptr;
+    return kRegistry && roll == 2 ? static_cast<T>(other) : roll ? &g_slot<Word>[Below(r, 3)] : nullptr;
 }
 template <typename R, typename... A>
 uint32_t Invoke(Rng& r, R (*service)(A...)) {
@@ -123,19 +120,11 @@ uint32_t Invoke(Rng& r, R (*service)(A...)) {
 uint32_t Invoke(Rng& r, uint32_t (*written)(Rng&)) { return written(r); }  // a call written out
 uint32_t FramedCreate(Rng& r) {  // on a slot not in use, in its own buffer, which must hold the queue
   const uint32_t i = Below(r, 3), size = Below(r, 400), slots = Below(r, 5);
-  FramedQueueCtrl* queue = Below(r, 12) ? &Slot<FramedQueueCtrl>(i) : nullptr;
+  FramedQueueCtrl* queue = Below(r, 12) ? &g_slot<FramedQueueCtrl>[i] : nullptr;
   if ((queue && queue->psMsgQueue) || QueueCalcSize(size, slots) > sizeof g_framedBuffer[i]) return LX_SUCCESS;
   return QueueCreate(queue, Arg<const char*, true>(r), size, slots, r() % 12 ? g_framedBuffer[i] : nullptr, 0, r() % 2);
 }
 uint32_t CmQueueMake(Rng& r) { return CmQueueCreate(Arg<CM_QUEUE*, true>(r), Below(r, 9), 1u << Below(r, 6), nullptr); }
-uint32_t WakeUpPipe(Rng& r) {  // a wake-up round trip on a fresh pipe, or on none (-1); the signal closes both ends
-  CmServiceRequest q{};
-  q.ai32ReplyPipe[0] = q.ai32ReplyPipe[1] = -1;
-  if (r() % 2 && ::pipe(q.ai32ReplyPipe) == 0) CM_WakeUpThreadEx(q.ai32ReplyPipe[1]);
-  CM_WaitingSignalEx(q.ai32ReplyPipe[0]);
-  CM_WakeUpThread(&q);
-  return CM_WaitingSignal(&q);
-}
 
 // ---- The table: one row per class, the services it draws from and every status they document ----
 template <auto kService>
@@ -152,9 +141,9 @@ void Row(Rng& r) {
 }
 // The last three rows run in worker 0 only: creates, as two on one empty slot would lose an object, and the state
 // that an application must not share between threads (a timer used while another thread deletes it is used after
-// its free; framed and dispatcher queues), with the pipe round trip, whose pipe a terminate in the middle would
-// leave open, and the host queue's delete, info get and prioritize, whose "not implemented" line ends the process
-// when a terminate lands in it. Thread services are left to the chaos thread, which uses them on the workers.
+// its free; framed and dispatcher queues), with the host queue's delete, info get and prioritize, whose "not
+// implemented" line ends the process when a terminate lands in it. Thread services are left to the chaos thread,
+// which uses them on the workers.
 constexpr void (*kRows[])(Rng&) = {
     Row<S(0, 1, 3, 19, 26, 28, 29), _lx_MutexGet, _lx_MutexPut, _lx_MutexDelete, _lx_MutexPrioritize, _lx_MutexInfoGet>,
     Row<S(0, 3, 4, 6, 7, 8, 19), _lx_EventFlagsGet, _lx_EventFlagsSet, _lx_EventFlagsInfoGet, _lx_EventFlagsDelete>,
@@ -171,7 +160,7 @@ constexpr void (*kRows[])(Rng&) = {
         _lx_TimerInfoGet>,
     Row<S(0, 1, 3, 4, 9, 10, 11, 26, 29), _lx_QueueDelete, _lx_QueueInfoGet, _lx_QueuePrioritize, QueueSend,
         QueueReceive, QueueFlush, CmQueueSend, CmQueueFrontSend, CmQueueReceive, CmQueueFlush, CmQueuePrioritize,
-        CmQueueDelete, WakeUpPipe>};
+        CmQueueDelete>};
 void RandomRow(Rng& r, bool solo) { kRows[r() % (solo ? std::size(kRows) : std::size(kRows) - 3)](r); }
 
 // ---- Ledgers on the stable objects ----
@@ -300,7 +289,7 @@ void* ChaosEntry(uint64_t) {
   // release, a put, a send), and a descriptor leaked.
   long open = 0;
   for (uint64_t i = 0; i < kStable; ++i)
-    for (LX_QUEUE q : {Slot<LX_QUEUE>(i), Slot<FramedQueueCtrl>(i).psMsgQueue}) open += q && q->i32MqDes >= 0;
+    for (LX_QUEUE q : {g_slot<LX_QUEUE>[i], g_slot<FramedQueueCtrl>[i].psMsgQueue}) open += q && q->i32MqDes >= 0;
   for (std::atomic<int64_t>& balance : g_balance) balance += Injecting("ledgers");  // a step counted, never made
   if (Injecting("ledgers")) std::fopen("/dev/null", "r");                           // a descriptor leaked
   for (void* block; _lx_BlockAllocate(g_stable<LX_BLOCK_POOL>, &block, LX_NO_WAIT) == LX_SUCCESS;) --g_balance[1];

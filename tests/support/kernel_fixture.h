@@ -33,15 +33,14 @@ inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milli
 
 // Creates a kernel thread that runs body; the handle word must outlive it. The body belongs to the
 // thread's entry, so a thread cancelled inside it frees it as it unwinds.
-inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body, uint16_t priority = 32,
-                       uint16_t threshold = 0, uint16_t autoStart = 1) {
+inline LX_STATUS Spawn(LX_THREAD* handle, const char* name, std::function<void()> body, uint16_t priority = 32) {
   const LX_THREAD_ENTRY run = [](uint64_t input) -> void* {
     return std::unique_ptr<std::function<void()>>(reinterpret_cast<std::function<void()>*>(input))->operator()(),
            nullptr;
   };
   auto* owned = new std::function<void()>(std::move(body));
-  const LX_STATUS status = _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0, priority,
-                                            threshold, 0, autoStart);
+  const LX_STATUS status =
+      _lx_ThreadCreate(handle, name, run, reinterpret_cast<uint64_t>(owned), nullptr, 0, priority, 0, 0, 1);
   if (status != LX_SUCCESS) delete owned;
   return status;
 }
@@ -110,29 +109,23 @@ inline int OpenDescriptorCount() {
   return static_cast<int>(std::distance(begin(listing), end(listing))) - 1;  // less the listing's own
 }
 
-// The stand-in timer thread: a thread on the timer thread's handle word that runs sleep-agent passes
-// (or any work) on command and returns when they are done, so that time-outs advance tick by tick.
-class StandInTimer {
- public:
-  StandInTimer() {
-    EXPECT_EQ(Spawn(G_psTimer, "TimerISR", [this] { Serve(); }), LX_SUCCESS);
-  }
+// The stand-in timer thread, made on first use and kept for the process's life: a thread on the timer thread's
+// handle word that runs sleep-agent passes (or any work) on command and returns when they are done, so that
+// time-outs advance tick by tick.
+struct StandInTimer {
   void RunPasses(int n = 1) {
     while (n-- > 0) Run(SleepAgentEx);
   }
   void Run(const std::function<void()>& work) { work_ = &work, go_.release(), done_.acquire(); }
-
- private:
-  void Serve() {
-    for (;; done_.release()) go_.acquire(), (*work_)();
-  }
   std::binary_semaphore go_{0}, done_{0};
   const std::function<void()>* work_ = nullptr;
 };
-
-// The process's stand-in timer thread, made on first use and kept for the process's life.
 inline StandInTimer& Timer() {
   static StandInTimer* const timer = new StandInTimer;
+  static const LX_STATUS started = Spawn(G_psTimer, "TimerISR", [] {
+    for (;; timer->done_.release()) timer->go_.acquire(), (*timer->work_)();
+  });
+  EXPECT_EQ(started, LX_SUCCESS) << "no stand-in timer thread";
   return *timer;
 }
 
