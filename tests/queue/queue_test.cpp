@@ -49,9 +49,9 @@ TEST_F(KernelTest, FramedQueueNSlotsHoldNMessagesFrontOnesOvertakeABusyLockRefus
     const LX_STATUS status = QueueReceive(&framed, m.data(), LX_NO_WAIT);
     return status == LX_SUCCESS ? m : status == LX_QUEUE_EMPTY ? "empty" : "error " + std::to_string(status);
   };
-  EXPECT_EQ(Statuses(4, LX_QUEUE_ERROR),
-            (Statuses{QueueCreate(&none, "b", 4, 0, g_storage, 0, 0), QueueSend(&none, "x", 1, 1),
-                      QueueReceive(&none, g_storage, 0), QueueFlush(&none)}));
+  EXPECT_EQ(Statuses(5, LX_QUEUE_ERROR),
+            (Statuses{QueueCreate(&none, "b", 4, 0, g_storage, 0, 0), QueueCreate(&none, "b", 4, 1, nullptr, 0, 0),
+                      QueueSend(&none, "x", 1, 1), QueueReceive(&none, g_storage, 0), QueueFlush(&none)}));
   ASSERT_EQ(QueueCreate(&framed, "busy", 4, 3, buffer.data(), 0, 1), LX_SUCCESS);
   EXPECT_EQ((Statuses{send("old1"), send("new2", 0), send("old3"), send("full", 1, 0)}),
             (Statuses{0, 0, 0, LX_QUEUE_FULL}));

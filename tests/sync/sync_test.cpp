@@ -144,16 +144,17 @@ TEST_F(SyncTest, SemaphoresTimeOutAtTheirDeadlineAndCreationsOutputsAndCallersAr
   for (int i = 0; i < 50; ++i) ASSERT_EQ(_lx_MutexCreate(&mutexes[i], "m", 0), LX_SUCCESS);
   LX_MUTEX* m = &mutexes[0];
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ((Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 30),
-                      _lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX), _lx_SemaphorePut(&big),
-                      _lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5), _lx_SemaphorePut(nullptr),
-                      _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none), _lx_SemaphorePut(&s)}),
-            (Statuses{0, 0, LX_NO_INSTANCE, 0, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR,
-                      LX_SEMAPHORE_ERROR, 0, 0, 0}));
+  EXPECT_EQ(
+      (Statuses{_lx_SemaphoreCreate(&s, "s", 1), _lx_SemaphoreGet(&s, 0), _lx_SemaphoreGet(&s, 30),
+                _lx_SemaphoreCreate(&big, "x", SEM_VALUE_MAX + 1u), _lx_SemaphoreCreate(&big, nullptr, SEM_VALUE_MAX),
+                _lx_SemaphorePut(&big), _lx_SemaphoreCreate(nullptr, "x", 0), _lx_SemaphoreGet(nullptr, 5),
+                _lx_SemaphorePut(nullptr), _lx_SemaphoreGet(&none, 9), _lx_SemaphorePut(&none), _lx_SemaphorePut(&s)}),
+      (Statuses{0, 0, LX_NO_INSTANCE, LX_SEMAPHORE_ERROR, 0, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR, LX_SEMAPHORE_ERROR,
+                LX_SEMAPHORE_ERROR, 0, 0, 0}));
   EXPECT_EQ((Statuses{_lx_MutexCreate(nullptr, "x", 0), _lx_MutexCreate(&mutexes[50], "x", 2),
                       _lx_MutexCreate(&mutexes[50], "full", 0), _lx_MutexDelete(&mutexes[7]),
                       _lx_MutexCreate(&mutexes[50], "reused", 0), _lx_MutexDelete(&mutexes[1]), Issue(0x54, m),
-                      _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]), _lx_EventFlagsCreate(&group, "g"),
+                      _lx_MutexDelete(&mutexes[7]), _lx_MutexPut(&mutexes[7]), _lx_EventFlagsCreate(&group, nullptr),
                       _lx_EventFlagsSet(&group, 0x6, 0)}),
             (Statuses{28, LX_INHERIT_ERROR, 28, 0, 0, 0, LX_NOT_AVAILABLE, 28, 28, 0, 0}));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 290ms);  // the 30-tick get waited its time
