@@ -26,7 +26,6 @@ source_dir=$(cd "$here/.." && pwd)
 with=${QUORVIN_BENCH_BUILD_DIR:-$here/build}
 without=$here/build-notrace
 rounds=${1:-3}
-[ "$rounds" = --instructions ] && rounds=0
 targets="request_bench sync_bench queue_bench tick_bench mutex_bench fast_path_bench thread_memory_bench"
 
 configure() {  # configure <dir> <tracepoints ON|OFF>
@@ -68,14 +67,14 @@ pair() {  # pair <command...>: the program against both libraries, back to back
     one without "$without" "$@" && one with "$with" "$@"
   fi
 }
-if [ "$rounds" = 0 ]; then  # --instructions
+if [ "$rounds" = --instructions ]; then
   command -v callgrind_annotate >/dev/null || { echo "tracepoints.sh: --instructions needs valgrind" >&2; exit 1; }
   echo "instructions executed, tracepoints built in ($probes probe sites, no tracer attached) against none, $(date -u '+%Y-%m-%d %H:%M UTC'), $(uname -m)"
   printf '%-44s %14s %14s %8s %14s %8s\n' program "library, with" without ratio "whole program" ratio
   for program in "queue_bench 2000 latency" "request_bench --phase=latency --rounds=3 --warmup=0" \
                  "fast_path_bench latency --quick" "sync_bench"; do
-    for side in with without; do
-      library=$with && [ $side = without ] && library=$without
+    for side in with:"$with" without:"$without"; do
+      library=${side#*:} side=${side%%:*}
       rm -f "$logs"/*.cg  # one file per process: request_bench measures in forked children
       isolate env LD_LIBRARY_PATH="$library" valgrind --tool=callgrind --callgrind-out-file="$logs/%p.cg" \
         $bin/$program >"$logs/last.log" 2>&1 || echo "tracepoints.sh: $program failed under valgrind" >&2
