@@ -10,6 +10,8 @@
 //                run under the same scheduling policy (target ratio <= 1.01);
 //   jitter:      time from the due tick's byte to the expiration call,
 //                p50 and p99 (target p99 <= 1 ms).
+//
+//   tick_bench [ticks]      (default 400, at most 6000)
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sched.h>
@@ -27,9 +29,10 @@
 
 namespace {
 
-constexpr int kSamples = 400;  // 4 s of ticks
-int64_t g_tickWritten[kSamples + 64];
-int64_t g_expired[kSamples + 64];
+constexpr int kMaxSamples = 6000;  // one minute of ticks
+int g_samples = 400;              // 4 s of ticks unless the command line asks for more
+int64_t g_tickWritten[kMaxSamples + 64];
+int64_t g_expired[kMaxSamples + 64];
 std::atomic<int> g_ticks{0};
 std::atomic<int> g_expiries{0};
 LX_TIMER g_timer;
@@ -43,7 +46,7 @@ int64_t NowNs() {
 
 void OnExpiry(uint32_t) {
   const int n = g_expiries.fetch_add(1);
-  if (n < kSamples) g_expired[n] = NowNs();
+  if (n < g_samples) g_expired[n] = NowNs();
 }
 
 double Percentile(std::vector<double> values, double p) {
@@ -64,17 +67,17 @@ double PlainSleepPeriodMs(int rounds) {
 }
 
 void* Report(uint64_t) {
-  while (g_expiries.load() < kSamples) usleep(20000);
+  while (g_expiries.load() < g_samples) usleep(20000);
   // Expiry i (0-based) is due on the i-th tick after the timer was created;
   // find the tick written just before each call.
   std::vector<double> jitterUs;
-  const int ticks = std::min(g_ticks.load(), kSamples + 63);
+  const int ticks = std::min(g_ticks.load(), g_samples + 63);
   int tick = 0;
-  for (int i = 0; i < kSamples; ++i) {
+  for (int i = 0; i < g_samples; ++i) {
     while (tick + 1 < ticks && g_tickWritten[tick + 1] <= g_expired[i]) ++tick;
     jitterUs.push_back(static_cast<double>(g_expired[i] - g_tickWritten[tick]) / 1e3);
   }
-  const double tickMs = static_cast<double>(g_expired[kSamples - 1] - g_expired[0]) / (kSamples - 1) / 1e6;
+  const double tickMs = static_cast<double>(g_expired[g_samples - 1] - g_expired[0]) / (g_samples - 1) / 1e6;
   const double plainMs = PlainSleepPeriodMs(300);
   const double ratio = tickMs / plainMs;
   const double p50 = Percentile(jitterUs, 0.50);
@@ -105,13 +108,14 @@ extern "C" int32_t CM_WakeUpThreadEx(int32_t fd) {
   static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "CM_WakeUpThreadEx"));
   if (fd == G_i32TimerPIPE[1]) {
     const int n = g_ticks.fetch_add(1);
-    if (n < kSamples + 64) g_tickWritten[n] = NowNs();
+    if (n < g_samples + 64) g_tickWritten[n] = NowNs();
   }
   return real(fd);
 }
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) g_samples = std::clamp(std::atoi(argv[1]), 2, kMaxSamples);
   std::printf("tick bench: %d ticks through a one-tick periodic timer, then a plain 10 ms sleep loop\n",
-              kSamples);
+              g_samples);
   _lx_initialize_kernel_enter(nullptr, nullptr, Define);
 }
