@@ -4,7 +4,7 @@
 # same run under the same scheduling policy, and timer expiry jitter (from the
 # due tick's byte to the expiration call).
 #
-#   bench/tick.sh            pinned to CPU 0
+#   bench/tick.sh [ticks]    pinned to CPU 0 (400 ticks unless given)
 #   QUORVIN_BENCH_CPU= bench/tick.sh    unpinned
 set -eu
 
@@ -19,7 +19,7 @@ if [ ! -f "$build_dir/CMakeCache.txt" ]; then
 fi
 cmake --build "$build_dir" --target tick_bench -j "$(nproc)" >/dev/null
 
-set -- "$build_dir/bench/tick_bench"
+set -- "$build_dir/bench/tick_bench" "$@"
 if [ -n "$cpu" ]; then set -- taskset -c "$cpu" "$@"; fi
 if unshare -m true 2>/dev/null; then
   exec unshare -m sh -c 'mount -t tmpfs -o mode=0755 tmpfs /run && mkdir /run/velmora && exec "$@"' \

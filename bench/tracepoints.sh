@@ -22,6 +22,11 @@
 #
 #   bench/tracepoints.sh [rounds]      (default 9; each round runs both sides)
 #   bench/tracepoints.sh --instructions
+#   bench/tracepoints.sh --control [rounds]
+#
+# --control times the library with the tracepoints against a copy of itself,
+# in the same way: what the table shows then is what the measurement itself
+# can tell apart on this machine, with no difference in the code.
 #
 # --instructions counts, instead of timing, the instructions that the programs
 # with a fixed amount of work execute under valgrind's callgrind against each
@@ -36,6 +41,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 source_dir=$(cd "$here/.." && pwd)
 with=$here/build-tracepoints/with
 without=$here/build-tracepoints/without
+control=false
+if [ "${1:-}" = --control ]; then control=true; shift; fi
 rounds=${1:-9}
 targets="request_bench sync_bench queue_bench tick_bench mutex_bench fast_path_bench thread_memory_bench"
 
@@ -56,6 +63,10 @@ probes=$(readelf -n "$with/libquorvin.so.9" | grep -c 'Name:' || true)
 
 logs=$with/tracepoint-logs
 rm -rf "$logs" && mkdir -p "$logs"
+if $control; then
+  without=$logs/copy
+  mkdir "$without" && cp "$with"/libquorvin.so.9* "$without"/
+fi
 bin=$with/bench
 if unshare -m true 2>/dev/null; then
   isolate() { unshare -m sh -c 'mount -t tmpfs -o mode=0755 tmpfs /run && mkdir /run/velmora && exec "$@"' x "$@"; }
@@ -100,6 +111,8 @@ if [ "$rounds" = --instructions ]; then
   done
   exit 0
 fi
+spinner=
+trap '[ -z "$spinner" ] || kill "$spinner" 2>/dev/null' EXIT
 i=1
 while [ "$i" -le "$rounds" ]; do
   echo "round $i of $rounds" >&2
@@ -119,11 +132,12 @@ while [ "$i" -le "$rounds" ]; do
   chrt -i 0 taskset -c 0 sh -c 'while :; do :; done' &
   spinner=$!
   pair taskset -c 0 "$bin/tick_bench" 1000  # 10 s: the p99 is the tenth longest wait, not the fourth
-  kill "$spinner"
+  kill "$spinner" && spinner=
   pair "$bin/thread_memory_bench" 40
   i=$((i + 1))
 done
 
+$control && echo "CONTROL: the library with the tracepoints against a copy of itself ('with probes' and 'without' are the same code)"
 echo "tracepoints built in ($probes probe sites, no tracer attached) against none, best of $rounds rounds, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPUs, $(uname -m)"
 awk -F '\t' '
   function median(list,   n, a, i, j, t) {

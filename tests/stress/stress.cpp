@@ -268,7 +268,7 @@ void* ChaosEntry(uint64_t) {
   const long before = Descriptors();
   for (uint64_t i = 0; i < g_workers; ++i) StartWorker(i);
   for (const time_t end = std::time(nullptr) + g_seconds; std::time(nullptr) < end && g_failures == 0;) {
-    // A ledger operation runs undisturbed (kind 3): see the open findings in docs/testing.md.
+    // A ledger operation runs undisturbed (kind 3): quick suspensions can outlast their resumes (docs/testing.md).
     const uint32_t i = Below(r, g_workers), kind = g_w[i].ledger ? 3 : Below(r, 4);
     LX_THREAD* worker = &g_w[i].handle;
     const bool terminate = kind == 2 && !QUORVIN_SANITIZED && Expendable(i);  // see docs/testing.md
@@ -281,7 +281,7 @@ void* ChaosEntry(uint64_t) {
   }
   g_stop = true;
   // Every worker leaves its loop: no wait of a row is longer than 3 ticks, and one that never ends is the
-  // watchdog's to report. The resume covers a suspension taken one resume behind (see docs/testing.md).
+  // watchdog's to report. The resumes also free a worker suspended twice whose two resumes merged.
   for (uint64_t i = 0; i < g_workers; ++i)
     for (LX_THREAD* worker = &g_w[i].handle; g_w[i].since != 0; _lx_ThreadSleep(1)) _lx_ThreadResume(worker);
   // Every ledger must balance now that the workers are out of their loops. The host queues of the rows stay open,
