@@ -145,11 +145,11 @@ awk -F '\t' '
     for (i = 2; i <= n; i++) for (j = i; j > 1 && a[j - 1] + 0 > a[j] + 0; j--) { t = a[j]; a[j] = a[j - 1]; a[j - 1] = t }
     return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2
   }
-  function better(a, b) { return rate[f] ? a > b : a < b }  # a rate is better higher, a time or size lower
+  function better(f, a, b) { return rate[f] ? a > b : a < b }  # a rate is better higher, a time or size lower
   !($3 in unit) { order[++count] = $3; rate[$3] = $5 ~ /\/s$/ }
   {
     f = $3; unit[f] = $5; value[$1, f, $NF] = $4; rounds[$NF] = 1
-    if (!(($1, f) in best) || better($4 + 0, best[$1, f])) best[$1, f] = $4 + 0
+    if (!(($1, f) in best) || better(f, $4 + 0, best[$1, f])) best[$1, f] = $4 + 0
   }
   END {
     printf "%-46s %11s %11s %7s  %-22s %s\n", "figure", "with probes", "without", "ratio", "pairs: median (min-max)", "within 2 %"
